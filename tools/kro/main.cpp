@@ -1,0 +1,51 @@
+// kro: the command-line face of KROCore.
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+
+#include "KROCore.h"
+
+namespace {
+
+int printClasses(bool asJSON) {
+    const auto names = KROClassRegistry::sharedRegistry().classNames();
+    if (asJSON) {
+        std::cout << "[";
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            std::cout << (i ? "," : "") << "\"" << names[i] << "\"";
+        }
+        std::cout << "]\n";
+        return 0;
+    }
+    std::cout << "KROCore " << KROCORE_VERSION_STRING << ": " << names.size()
+              << " classes in the registry\n";
+    for (const std::string& name : names) {
+        const std::string superclass = KROClassRegistry::sharedRegistry().superclassName(name);
+        std::cout << "  " << name;
+        if (!superclass.empty()) {
+            std::cout << " : " << superclass;
+        }
+        std::cout << "\n";
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"kro: the KROCore audio engine on the command line"};
+    app.set_version_flag("--version", std::string("kro (KROCore) ") + KROCORE_VERSION_STRING);
+    app.require_subcommand(0, 1);
+
+    bool classesAsJSON = false;
+    CLI::App* classes = app.add_subcommand("classes", "List the classes in the class registry");
+    classes->add_flag("--json", classesAsJSON, "Print JSON");
+
+    CLI11_PARSE(app, argc, argv);
+
+    if (classes->parsed()) {
+        return printClasses(classesAsJSON);
+    }
+    std::cout << app.help();
+    return 0;
+}
