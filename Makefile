@@ -36,6 +36,23 @@ tsan: deps
 	cmake --build $(BUILD_TSAN) -j $(JOBS)
 	cd $(BUILD_TSAN) && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L tsan
 
+# Builds every libFuzzer target with clang and runs each for FUZZ_SECONDS,
+# seeded with the stream descriptions of examples/.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	cmake -S . -B $(BUILD_FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+		-DCMAKE_CXX_COMPILER=clang++ -DKRO_FUZZ=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD_FUZZ) -j $(JOBS) --target kro_fuzz_targets
+	mkdir -p $(BUILD_FUZZ)/seeds && cp examples/*.plist $(BUILD_FUZZ)/seeds/
+	@for f in $(BUILD_FUZZ)/core/tests/*_fuzz; do \
+		corpus=$(BUILD_FUZZ)/corpus/$$(basename $$f); mkdir -p $$corpus; \
+		echo "== $$f for $(FUZZ_SECONDS) s"; \
+		dict=core/tests/fuzz/$$(basename $$f).dict; \
+		KROCORE_RESOURCES=$(CURDIR)/core/resources $$f -max_total_time=$(FUZZ_SECONDS) \
+			$$([ -f $$dict ] && echo -dict=$$dict) -artifact_prefix=$(BUILD_FUZZ)/ \
+			$$corpus $(BUILD_FUZZ)/seeds || exit 1; \
+	done
+
 demo: build
 	$(BUILD)/tools/kro/kro --version
 	$(BUILD)/tools/kro/kro classes

@@ -35,7 +35,11 @@ public:
     // Class operations of Part 1.1, here for the class KROError; each family
     // has the same ones for its own name (KRO_ERROR_FAMILY).
     static KROErrorPtr errorWithCode(std::int64_t code, const std::string& action);
-    static std::string domain() { return domainForClassName(staticClassName()); }
+    // The class-level +domain of Part 1.1. C++ cannot give a static and a
+    // member function one name, and the member domain() of the platform error
+    // must answer for any family through a KROErrorPtr, so the class-level
+    // form is errorDomain().
+    static std::string errorDomain() { return domainForClassName(staticClassName()); }
     static std::string alertMessage() { return alertMessageForClassName(staticClassName()); }
     static std::string failureReasonForError(std::int32_t code) {
         return failureReasonForClassName(staticClassName(), code);
@@ -93,7 +97,7 @@ protected:
         static std::shared_ptr<Name> errorWithCode(std::int64_t code, const std::string& action) { \
             return makeError<Name>(code, action);                                                  \
         }                                                                                          \
-        static std::string domain() { return domainForClassName(staticClassName()); }             \
+        static std::string errorDomain() { return domainForClassName(staticClassName()); }        \
         static std::string alertMessage() { return alertMessageForClassName(staticClassName()); }  \
         static std::string failureReasonForError(std::int32_t code) {                              \
             return failureReasonForClassName(staticClassName(), code);                             \

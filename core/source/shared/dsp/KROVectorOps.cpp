@@ -1,0 +1,201 @@
+#include "KROVectorOps.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+// Each loop is compiled for AVX-512, AVX2 and the x86-64 baseline, and the
+// loader picks the version that the processor runs (function multiversioning);
+// the library itself is built for the baseline. flatten inlines the helpers
+// below into each version, so that they too are compiled for its target.
+//
+// Every version rounds each product and each sum on its own, as the formulas
+// are written: GCC would otherwise contract a * b + c into one fused
+// multiply-add where the target has one, and results would differ from
+// processor to processor.
+#if defined(__clang__)
+#pragma clang fp contract(off)
+#elif defined(__GNUC__)
+#pragma GCC optimize("fp-contract=off")
+#endif
+#if defined(__x86_64__) && defined(__GNUC__)
+#define KRO_VECTOR_LOOP __attribute__((target_clones("avx512f", "avx2", "default"), flatten))
+#else
+#define KRO_VECTOR_LOOP
+#endif
+
+namespace {
+
+// The element-wise loops below are unrolled four times past vectorization:
+// with one vector per iteration the loop's own overhead bounded them.
+
+// Partial sums and extremes run in this many independent lanes so that the
+// loop carries no dependency from one vector to the next.
+constexpr std::size_t kLanes = 64;
+
+template <typename Term> float sumOf(const float* a, std::size_t n, Term term) {
+    float partial[kLanes] = {};
+    std::size_t i = 0;
+    for (; i + kLanes <= n; i += kLanes) {
+#pragma omp simd
+        for (std::size_t lane = 0; lane < kLanes; ++lane) {
+            partial[lane] += term(a[i + lane]);
+        }
+    }
+    float sum = 0.0f;
+#pragma omp simd reduction(+ : sum)
+    for (std::size_t lane = 0; lane < kLanes; ++lane) {
+        sum += partial[lane];
+    }
+    for (; i < n; ++i) {
+        sum += term(a[i]);
+    }
+    return sum;
+}
+
+// The largest term(a[i]) by `if (x > m) m = x`, from start; NaN never wins.
+template <typename Term> float largestOf(const float* a, std::size_t n, float start, Term term) {
+    float partial[kLanes];
+    for (float& value : partial) {
+        value = start;
+    }
+    std::size_t i = 0;
+    for (; i + kLanes <= n; i += kLanes) {
+#pragma omp simd
+        for (std::size_t lane = 0; lane < kLanes; ++lane) {
+            const float x = term(a[i + lane]);
+            partial[lane] = x > partial[lane] ? x : partial[lane];
+        }
+    }
+    // No lane holds NaN, so the lanes combine as a plain maximum.
+    float largest = start;
+#pragma omp simd reduction(max : largest)
+    for (std::size_t lane = 0; lane < kLanes; ++lane) {
+        largest = partial[lane] > largest ? partial[lane] : largest;
+    }
+    for (; i < n; ++i) {
+        const float x = term(a[i]);
+        largest = x > largest ? x : largest;
+    }
+    return largest;
+}
+
+struct Identity {
+    float operator()(float x) const { return x; }
+};
+struct Negated {
+    float operator()(float x) const { return -x; }
+};
+struct Absolute {
+    float operator()(float x) const { return std::fabs(x); }
+};
+struct Squared {
+    float operator()(float x) const { return x * x; }
+};
+
+} // namespace
+
+extern "C" {
+
+KRO_VECTOR_LOOP void kro_vclr(float* c, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = 0.0f;
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vsma(const float* a, float b, const float* c, float* d, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        d[i] = a[i] * b + c[i];
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vsmul(const float* a, float b, float* c, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = a[i] * b;
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vramp(float a, float b, float* c, std::size_t n, std::size_t first) {
+    // A 32-bit index converts to float in vector registers; a 64-bit one does not.
+    if (first + n <= static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
+        const auto start = static_cast<std::int32_t>(first);
+        const auto count = static_cast<std::int32_t>(n);
+        for (std::int32_t i = 0; i < count; ++i) {
+            c[i] = a + static_cast<float>(start + i) * b;
+        }
+        return;
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = a + static_cast<float>(first + i) * b;
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vmul(const float* a, const float* b, float* c, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = a[i] * b[i];
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vneg(const float* a, float* c, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = -a[i];
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vrvrs(float* c, std::size_t n) {
+    const std::size_t half = n / 2;
+    for (std::size_t i = 0; i < half; ++i) {
+        const float front = c[i];
+        c[i] = c[n - 1 - i];
+        c[n - 1 - i] = front;
+    }
+}
+
+KRO_VECTOR_LOOP float kro_maxv(const float* a, std::size_t n) {
+    return largestOf(a, n, -std::numeric_limits<float>::infinity(), Identity{});
+}
+
+KRO_VECTOR_LOOP float kro_minv(const float* a, std::size_t n) {
+    return -largestOf(a, n, -std::numeric_limits<float>::infinity(), Negated{});
+}
+
+KRO_VECTOR_LOOP float kro_maxmgv(const float* a, std::size_t n) {
+    return largestOf(a, n, 0.0f, Absolute{});
+}
+
+KRO_VECTOR_LOOP float kro_rmsqv(const float* a, std::size_t n) {
+    if (n == 0) {
+        return 0.0f;
+    }
+    return std::sqrt(sumOf(a, n, Squared{}) / static_cast<float>(n));
+}
+
+KRO_VECTOR_LOOP float kro_meamgv(const float* a, std::size_t n) {
+    if (n == 0) {
+        return 0.0f;
+    }
+    return sumOf(a, n, Absolute{}) / static_cast<float>(n);
+}
+
+KRO_VECTOR_LOOP float kro_svesq(const float* a, std::size_t n) {
+    return sumOf(a, n, Squared{});
+}
+
+void kro_copy_bytes(void* destination, const void* source, std::size_t n) {
+    if (n != 0) {
+        std::memmove(destination, source, n);
+    }
+}
+
+void kro_clear_bytes(void* destination, std::size_t n) {
+    if (n != 0) {
+        std::memset(destination, 0, n);
+    }
+}
+}

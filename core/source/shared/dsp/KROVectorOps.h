@@ -1,0 +1,65 @@
+// Part 1.2, Performance constraints: the vDSP routines that the buffer lists
+// use, one plain loop each, written to vDSP's formula with unit strides. Each
+// is one pass over contiguous floats and neither allocates nor locks.
+//
+// NaN in the extremes: kro_maxv, kro_minv and kro_maxmgv behave like the loop
+// `if (x > m) m = x` (or `<` for the minimum): a NaN sample never compares
+// true, so it is skipped, and a vector of n = 0 or of NaN alone gives the
+// starting value (-infinity, +infinity, 0). The sums follow IEEE arithmetic,
+// so a NaN or an infinity in the input reaches the result.
+//
+// The order of summation within one statistic is not specified (Part 1.2):
+// the sums run over several partial sums so that they vectorize.
+#pragma once
+
+#include <cstddef>
+
+extern "C" {
+
+// vDSP_vclr: c[i] = 0.
+void kro_vclr(float* c, std::size_t n);
+
+// vDSP_vsma: d[i] = a[i] * b + c[i]. c and d may be the same vector.
+void kro_vsma(const float* a, float b, const float* c, float* d, std::size_t n);
+
+// vDSP_vsmul: c[i] = a[i] * b. a and c may be the same vector.
+void kro_vsmul(const float* a, float b, float* c, std::size_t n);
+
+// vDSP_vramp continued from element first: c[i] = a + (first + i) * b, the
+// index converted to float. A ramp made in pieces, each piece given the index
+// of its first element, equals the ramp made whole.
+void kro_vramp(float a, float b, float* c, std::size_t n, std::size_t first);
+
+// vDSP_vmul: c[i] = a[i] * b[i]. c may be the same vector as a or b.
+void kro_vmul(const float* a, const float* b, float* c, std::size_t n);
+
+// vDSP_vneg: c[i] = -a[i]. a and c may be the same vector.
+void kro_vneg(const float* a, float* c, std::size_t n);
+
+// vDSP_vrvrs: reverses c in place.
+void kro_vrvrs(float* c, std::size_t n);
+
+// vDSP_maxv: the largest a[i]; -infinity for n = 0.
+float kro_maxv(const float* a, std::size_t n);
+
+// vDSP_minv: the smallest a[i]; +infinity for n = 0.
+float kro_minv(const float* a, std::size_t n);
+
+// vDSP_maxmgv: the largest |a[i]|; 0 for n = 0.
+float kro_maxmgv(const float* a, std::size_t n);
+
+// vDSP_rmsqv: sqrt(sum(a[i]^2) / n); 0 for n = 0.
+float kro_rmsqv(const float* a, std::size_t n);
+
+// vDSP_meamgv: sum(|a[i]|) / n; 0 for n = 0.
+float kro_meamgv(const float* a, std::size_t n);
+
+// vDSP_svesq: sum(a[i]^2).
+float kro_svesq(const float* a, std::size_t n);
+
+// Byte copy of n bytes; the blocks may overlap.
+void kro_copy_bytes(void* destination, const void* source, std::size_t n);
+
+// Zeroes n bytes.
+void kro_clear_bytes(void* destination, std::size_t n);
+}
