@@ -19,9 +19,10 @@
 #elif defined(__GNUC__)
 #pragma GCC optimize("fp-contract=off")
 #endif
-// clang 14 emits no resolver symbol for target_clones here, so clang builds
-// (the fuzzers) take the portable loop.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+// clang 14 emits no resolver symbol for target_clones here, and the ifunc
+// resolvers run before ThreadSanitizer's runtime starts, so clang and
+// sanitizer builds take the portable loop.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(KRO_SANITIZER_BUILD)
 #define KRO_VECTOR_LOOP __attribute__((target_clones("avx512f", "avx2", "default"), flatten))
 #else
 #define KRO_VECTOR_LOOP
