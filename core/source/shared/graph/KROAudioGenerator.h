@@ -1,0 +1,18 @@
+// Part 2.1: the base of every node that makes sound from nothing. It has no
+// input bus: maximumNumberOfInputBuses is 0.
+#pragma once
+
+#include "KROAudioProcessor.h"
+
+class KROAudioGenerator : public KROAudioProcessor {
+    KRO_DECLARE_CLASS(KROAudioGenerator)
+
+public:
+    // Part 2.1 Algorithm 2, as it stands: does not go through the inherited
+    // init. One output bus of the literal class KROAudioOutputBus (not
+    // outputBusClass) and empty automations; no input bus, and parameters and
+    // channelConfigurations stay absent.
+    bool init(KROErrorPtr* error = nullptr) override;
+
+    std::uint64_t maximumNumberOfInputBuses() const override { return 0; }
+};

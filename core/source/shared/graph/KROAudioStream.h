@@ -1,0 +1,136 @@
+// Part 2.2: the stream owns one graph, a set of processors and a set of
+// connections. It builds the graph from a description, initialises it by
+// walking outward from the heads, starts and stops it through the heads, and
+// finds things by identifier. It holds no lock and has no thread: set-up
+// calls come from one host thread at a time, and the sets must not change
+// while the stream runs.
+//
+// Both sets keep their members unique and in the order they were added; the
+// spec leaves the order open.
+//
+// init has two forms: init() makes an empty stream, init(error) (the spec's
+// init:) loads the description resource named after the stream's class,
+// "<className>.plist". It is looked for first in the host's resource
+// directory (setResourceSearchDirectory, the Linux form of the application's
+// main resources), then in the library's resource directory
+// (KROResourcePath). A resource that is missing or not a dictionary counts as
+// an empty description: code 2.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KROError.h"
+#include "KROObject.h"
+#include "KROPropertyList.h"
+
+class KROAudioConnection;
+class KROAudioInputBus;
+class KROAudioOutputBus;
+class KROAudioProcessor;
+class KROHeadAudioProcessor;
+
+class KROAudioStream : public KROObject {
+    KRO_DECLARE_CLASS(KROAudioStream)
+
+public:
+    using Processors = std::vector<std::shared_ptr<KROAudioProcessor>>;
+    using Connections = std::vector<std::shared_ptr<KROAudioConnection>>;
+
+    KROAudioStream() = default;
+    KROAudioStream(const KROAudioStream&) = delete;
+    KROAudioStream& operator=(const KROAudioStream&) = delete;
+    // Stops and uninitialises with no error out-argument, releases the
+    // connections, clears each processor's stream and releases them.
+    ~KROAudioStream() override;
+
+    // An empty stream.
+    bool init();
+    // The spec's init:, see above.
+    bool init(KROErrorPtr* error);
+    // Algorithm 1. On failure the stream is left empty and false returned.
+    bool initWithDescription(const KROPropertyList& description, KROErrorPtr* error = nullptr);
+    // Reads an XML (or binary) property-list file and builds from it; a file
+    // that cannot be read fails with the reader's error.
+    bool initWithDescriptionFile(const std::filesystem::path& path, KROErrorPtr* error = nullptr);
+
+    // The host's directory of stream resources for init(error); empty for
+    // none. Set-up only.
+    static void setResourceSearchDirectory(const std::filesystem::path& directory);
+    static std::filesystem::path resourceSearchDirectory();
+    // Where init(error) finds the resource named after the class, or empty.
+    std::filesystem::path descriptionResourcePath() const;
+
+    // Algorithms 2 and 3: the two walks from a processor, normally a head.
+    bool initializeForRender(KROAudioProcessor* processor, KROErrorPtr* error = nullptr);
+    bool initializeForInput(KROAudioProcessor* processor, KROErrorPtr* error = nullptr);
+    // Algorithm 4.
+    bool initialize(KROErrorPtr* error = nullptr);
+    // Algorithm 5.
+    bool isInitialized() const;
+    bool isProcessorInitializedForInput(const KROAudioProcessor* processor) const;
+    bool isProcessorInitializedForRender(const KROAudioProcessor* processor) const;
+    // Algorithm 6.
+    bool uninitialize(KROErrorPtr* error = nullptr);
+    // Algorithm 7.
+    bool reset(KROErrorPtr* error = nullptr);
+    // Algorithm 8.
+    bool start(KROErrorPtr* error = nullptr);
+    bool stop(KROErrorPtr* error = nullptr);
+    // True when any head answers true to isRunning.
+    bool isRunning() const;
+
+    // Algorithm 9: a connection end and the bus's reference are set together.
+    void connectInputBus(KROAudioInputBus& bus, KROAudioConnection& connection);
+    void connectOutputBus(KROAudioOutputBus& bus, KROAudioConnection& connection);
+    void disconnectInputBus(KROAudioInputBus& bus);
+    void disconnectOutputBus(KROAudioOutputBus& bus);
+
+    // Linear searches by identifier; an empty name finds nothing.
+    std::shared_ptr<KROAudioProcessor> processorWithIdentifier(const std::string& name) const;
+    std::shared_ptr<KROAudioConnection> connectionWithIdentifier(const std::string& name) const;
+    // Algorithm 10: a processor's own identifier names its bus 0, tested
+    // before that processor's buses.
+    std::shared_ptr<KROAudioInputBus> inputBusWithIdentifier(const std::string& name) const;
+    std::shared_ptr<KROAudioOutputBus> outputBusWithIdentifier(const std::string& name) const;
+
+    // The first head of processors with the flag, or none.
+    std::shared_ptr<KROHeadAudioProcessor> renderHeadProcessor() const;
+    std::shared_ptr<KROHeadAudioProcessor> inputHeadProcessor() const;
+    // Clear the flag of the present head and set it on the one given, which
+    // is not added to processors.
+    void setRenderHeadProcessor(KROHeadAudioProcessor* head);
+    void setInputHeadProcessor(KROHeadAudioProcessor* head);
+
+    std::size_t countOfProcessors() const { return processors_.size(); }
+    const Processors& enumeratorOfProcessors() const { return processors_; }
+    std::shared_ptr<KROAudioProcessor> memberOfProcessors(const KROAudioProcessor* processor) const;
+    // Sets the processor's stream to this stream, then adds it.
+    void addProcessorsObject(std::shared_ptr<KROAudioProcessor> processor);
+    // Clears the processor's stream, then removes it.
+    void removeProcessorsObject(KROAudioProcessor* processor);
+
+    std::size_t countOfConnections() const { return connections_.size(); }
+    const Connections& enumeratorOfConnections() const { return connections_; }
+    std::shared_ptr<KROAudioConnection>
+    memberOfConnections(const KROAudioConnection* connection) const;
+    void addConnectionsObject(std::shared_ptr<KROAudioConnection> connection);
+    void removeConnectionsObject(KROAudioConnection* connection);
+
+private:
+    using Path = std::vector<const KROAudioProcessor*>;
+
+    bool buildProcessor(const KROPropertyList& entry, KROErrorPtr* error);
+    bool buildConnection(const KROPropertyList& entry, KROErrorPtr* error);
+    bool failConstruction();
+    bool renderWalk(KROAudioProcessor* processor, Path& path, KROErrorPtr* error);
+    bool inputWalk(KROAudioProcessor* processor, Path& path, KROErrorPtr* error);
+    bool renderTest(const KROAudioProcessor* processor, Path& path) const;
+    bool inputTest(const KROAudioProcessor* processor, Path& path) const;
+    void releaseAll();
+
+    Processors processors_;
+    Connections connections_;
+};
