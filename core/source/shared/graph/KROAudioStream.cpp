@@ -54,6 +54,77 @@ KROAudioProcessor* destinationOf(const KROAudioOutputBus& bus) {
     return downstream ? dynamic_cast<KROAudioProcessor*>(downstream->destination()) : nullptr;
 }
 
+// The processors that the render walk follows (over the input buses) and
+// that the input walk follows (over the output buses). The two walks of
+// Algorithms 2 and 3, and the two tests of Algorithm 5, differ in nothing
+// else (Part 2.2).
+std::vector<KROAudioProcessor*> upstreamOf(const KROAudioProcessor& processor) {
+    std::vector<KROAudioProcessor*> sources;
+    for (const auto& bus : processor.inputBuses()) {
+        sources.push_back(sourceOf(*bus));
+    }
+    return sources;
+}
+
+std::vector<KROAudioProcessor*> downstreamOf(const KROAudioProcessor& processor) {
+    std::vector<KROAudioProcessor*> destinations;
+    for (const auto& bus : processor.outputBuses()) {
+        destinations.push_back(destinationOf(*bus));
+    }
+    return destinations;
+}
+
+using Path = std::vector<const KROAudioProcessor*>;
+using Neighbours = std::vector<KROAudioProcessor*> (*)(const KROAudioProcessor&);
+using Initialize = bool (KROAudioProcessor::*)(KROErrorPtr*);
+
+// Algorithms 2 and 3. Part 2.2 detects no cycle; a cycle would recurse
+// without end, so a processor already on the path of this walk is stepped
+// over. A processor reached by two paths is still initialised twice.
+bool walk(KROAudioProcessor* processor, Path& path, KROErrorPtr* error, Initialize initialize,
+          Neighbours neighbours) {
+    if (!processor || isOnPath(path, processor)) {
+        return true;
+    }
+    if (!(processor->*initialize)(error)) {
+        return false;
+    }
+    processor->setInitialized(true);
+    // A KROIOAudioProcessor is where an input chain and a render chain meet.
+    if (isIOProcessor(processor)) {
+        return true;
+    }
+    path.push_back(processor);
+    for (KROAudioProcessor* next : neighbours(*processor)) {
+        if (!walk(next, path, error, initialize, neighbours)) {
+            return false;
+        }
+    }
+    path.pop_back();
+    return true;
+}
+
+// Algorithm 5: the same shape as the walks, testing instead of initialising.
+bool test(const KROAudioProcessor* processor, Path& path, Neighbours neighbours) {
+    if (!processor || isOnPath(path, processor)) {
+        return true;
+    }
+    if (!processor->isInitialized()) {
+        return false;
+    }
+    if (isIOProcessor(processor)) {
+        return true;
+    }
+    path.push_back(processor);
+    for (const KROAudioProcessor* next : neighbours(*processor)) {
+        if (!test(next, path, neighbours)) {
+            return false;
+        }
+    }
+    path.pop_back();
+    return true;
+}
+
 } // namespace
 
 KROAudioStream::~KROAudioStream() {
@@ -236,60 +307,12 @@ bool KROAudioStream::buildConnection(const KROPropertyList& entry, KROErrorPtr* 
 
 bool KROAudioStream::initializeForRender(KROAudioProcessor* processor, KROErrorPtr* error) {
     Path path;
-    return renderWalk(processor, path, error);
-}
-
-// Part 2.2 detects no cycle; a cycle would recurse without end, so a
-// processor already on the path of this walk is stepped over. A processor
-// reached by two paths is still initialised twice, as Algorithm 2 says.
-bool KROAudioStream::renderWalk(KROAudioProcessor* processor, Path& path, KROErrorPtr* error) {
-    if (!processor || isOnPath(path, processor)) {
-        return true;
-    }
-    if (!processor->initializeForRender(error)) {
-        return false;
-    }
-    processor->setInitialized(true);
-    // Audio beyond a KROIOAudioProcessor belongs to the input chain.
-    if (isIOProcessor(processor)) {
-        return true;
-    }
-    path.push_back(processor);
-    const KROAudioProcessor::InputBuses buses = processor->inputBuses();
-    for (const auto& bus : buses) {
-        if (!renderWalk(sourceOf(*bus), path, error)) {
-            return false;
-        }
-    }
-    path.pop_back();
-    return true;
+    return walk(processor, path, error, &KROAudioProcessor::initializeForRender, upstreamOf);
 }
 
 bool KROAudioStream::initializeForInput(KROAudioProcessor* processor, KROErrorPtr* error) {
     Path path;
-    return inputWalk(processor, path, error);
-}
-
-bool KROAudioStream::inputWalk(KROAudioProcessor* processor, Path& path, KROErrorPtr* error) {
-    if (!processor || isOnPath(path, processor)) {
-        return true;
-    }
-    if (!processor->initializeForInput(error)) {
-        return false;
-    }
-    processor->setInitialized(true);
-    if (isIOProcessor(processor)) {
-        return true;
-    }
-    path.push_back(processor);
-    const KROAudioProcessor::OutputBuses buses = processor->outputBuses();
-    for (const auto& bus : buses) {
-        if (!inputWalk(destinationOf(*bus), path, error)) {
-            return false;
-        }
-    }
-    path.pop_back();
-    return true;
+    return walk(processor, path, error, &KROAudioProcessor::initializeForInput, downstreamOf);
 }
 
 bool KROAudioStream::initialize(KROErrorPtr* error) {
@@ -327,52 +350,12 @@ bool KROAudioStream::isInitialized() const {
 
 bool KROAudioStream::isProcessorInitializedForRender(const KROAudioProcessor* processor) const {
     Path path;
-    return renderTest(processor, path);
-}
-
-bool KROAudioStream::renderTest(const KROAudioProcessor* processor, Path& path) const {
-    if (!processor || isOnPath(path, processor)) {
-        return true;
-    }
-    if (!processor->isInitialized()) {
-        return false;
-    }
-    if (isIOProcessor(processor)) {
-        return true;
-    }
-    path.push_back(processor);
-    for (const auto& bus : processor->inputBuses()) {
-        if (!renderTest(sourceOf(*bus), path)) {
-            return false;
-        }
-    }
-    path.pop_back();
-    return true;
+    return test(processor, path, upstreamOf);
 }
 
 bool KROAudioStream::isProcessorInitializedForInput(const KROAudioProcessor* processor) const {
     Path path;
-    return inputTest(processor, path);
-}
-
-bool KROAudioStream::inputTest(const KROAudioProcessor* processor, Path& path) const {
-    if (!processor || isOnPath(path, processor)) {
-        return true;
-    }
-    if (!processor->isInitialized()) {
-        return false;
-    }
-    if (isIOProcessor(processor)) {
-        return true;
-    }
-    path.push_back(processor);
-    for (const auto& bus : processor->outputBuses()) {
-        if (!inputTest(destinationOf(*bus), path)) {
-            return false;
-        }
-    }
-    path.pop_back();
-    return true;
+    return test(processor, path, downstreamOf);
 }
 
 bool KROAudioStream::uninitialize(KROErrorPtr* error) {

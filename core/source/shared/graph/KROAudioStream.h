@@ -120,15 +120,9 @@ public:
     void removeConnectionsObject(KROAudioConnection* connection);
 
 private:
-    using Path = std::vector<const KROAudioProcessor*>;
-
     bool buildProcessor(const KROPropertyList& entry, KROErrorPtr* error);
     bool buildConnection(const KROPropertyList& entry, KROErrorPtr* error);
     bool failConstruction();
-    bool renderWalk(KROAudioProcessor* processor, Path& path, KROErrorPtr* error);
-    bool inputWalk(KROAudioProcessor* processor, Path& path, KROErrorPtr* error);
-    bool renderTest(const KROAudioProcessor* processor, Path& path) const;
-    bool inputTest(const KROAudioProcessor* processor, Path& path) const;
     void releaseAll();
 
     Processors processors_;
