@@ -56,6 +56,7 @@ fuzz: deps
 demo: build
 	$(BUILD)/tools/kro/kro --version
 	$(BUILD)/tools/kro/kro classes
+	BUILD=$(BUILD) scripts/demo
 
 bench: build
 	@for b in $(BUILD)/core/bench/*_bench; do echo "== $$b"; $$b; done

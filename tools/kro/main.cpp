@@ -3,7 +3,9 @@
 
 #include <iostream>
 
+#include "DevicesCommand.h"
 #include "KROCore.h"
+#include "PlayCommand.h"
 
 namespace {
 
@@ -40,11 +42,19 @@ int main(int argc, char** argv) {
     bool classesAsJSON = false;
     CLI::App* classes = app.add_subcommand("classes", "List the classes in the class registry");
     classes->add_flag("--json", classesAsJSON, "Print JSON");
+    DevicesCommand devices(app);
+    PlayCommand play(app);
 
     CLI11_PARSE(app, argc, argv);
 
     if (classes->parsed()) {
         return printClasses(classesAsJSON);
+    }
+    if (devices.parsed()) {
+        return devices.run();
+    }
+    if (play.parsed()) {
+        return play.run();
     }
     std::cout << app.help();
     return 0;

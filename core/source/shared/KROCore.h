@@ -67,3 +67,11 @@
 #include "KROSineWaveAudioGenerator.h"
 #include "KROSineWaveSynthAudioGenerator.h"
 #include "KROVectorOps.h"
+
+// Platform audio
+#include "KROAudioDevice.h"
+#include "KROAudioDeviceBackend.h"
+#include "KROAudioDeviceSource.h"
+#include "KROAudioPlaythrough.h"
+#include "KROJACKAudioDeviceBackend.h"
+#include "KROOSXHardwareAudioProcessor.h"
