@@ -22,7 +22,8 @@ bool isSourceFile(const std::filesystem::path& path) {
 // case, an underscore and more ("KROBufferList_action_create", "KROError_ok");
 // upper-case names such as environment variables are not keys.
 std::set<std::string> keysUsedBySourcesUnder(const std::filesystem::path& root) {
-    static const std::regex literal(R"re("((?:KRO|APL)[A-Za-z0-9]*[a-z][A-Za-z0-9]*_[A-Za-z0-9_]+)")re");
+    static const std::regex literal(
+        R"re("((?:KRO|APL)[A-Za-z0-9]*[a-z][A-Za-z0-9]*_[A-Za-z0-9_]+)")re");
     std::set<std::string> keys;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
         if (!entry.is_regular_file() || !isSourceFile(entry.path())) {
@@ -32,8 +33,8 @@ std::set<std::string> keysUsedBySourcesUnder(const std::filesystem::path& root) 
         std::stringstream text;
         text << file.rdbuf();
         const std::string source = text.str();
-        for (std::sregex_iterator match(source.begin(), source.end(), literal), end;
-             match != end; ++match) {
+        for (std::sregex_iterator match(source.begin(), source.end(), literal), end; match != end;
+             ++match) {
             keys.insert((*match)[1].str());
         }
     }
@@ -83,7 +84,8 @@ TEST(KROStringTable, EveryFamilyHasAnAlertMessage) {
 }
 
 TEST(KROStringTable, TheThreeKROErrorKeysHaveTexts) {
-    for (const char* key : {"KROError_ok", "KROError_conjunction", "KROError_defaultFailureReason"}) {
+    for (const char* key :
+         {"KROError_ok", "KROError_conjunction", "KROError_defaultFailureReason"}) {
         EXPECT_NE(KROLocalizedString(key), key);
     }
     EXPECT_NE(KROLocalizedString("KROError_defaultFailureReason").find("%d"), std::string::npos);

@@ -6,16 +6,11 @@
 #include <fstream>
 #include <unistd.h>
 
+#include "KROAudioStreamBasicDescription.h"
 #include "KROError.h"
 #include "KROLog.h"
 
 namespace {
-
-constexpr std::uint32_t fourCharacterCode(const char (&text)[5]) {
-    return (std::uint32_t(std::uint8_t(text[0])) << 24) |
-           (std::uint32_t(std::uint8_t(text[1])) << 16) |
-           (std::uint32_t(std::uint8_t(text[2])) << 8) | std::uint32_t(std::uint8_t(text[3]));
-}
 
 // Installs a host string table for the life of a test.
 class HostStringTable {
@@ -80,13 +75,14 @@ TEST(Part_1_1, ACodeOf1InKROBufferListErrorWithAnEntryUnderTheDecimalKeyUsesThat
 }
 
 TEST(Part_1_1, APlatformCodeOfPrintableCharactersUsesTheCharacterKeysText) {
-    HostStringTable host(entries({{"KROAudioConverterError_failureReason_wxyz", "the wxyz reason"}}));
-    const auto code = static_cast<std::int32_t>(fourCharacterCode("wxyz"));
+    HostStringTable host(
+        entries({{"KROAudioConverterError_failureReason_wxyz", "the wxyz reason"}}));
+    const auto code = static_cast<std::int32_t>(KROFourCharCode("wxyz"));
     EXPECT_EQ(KROAudioConverterError::failureReasonForError(code), "the wxyz reason");
 }
 
 TEST(Part_1_1, TheDecimalKeyIsTriedBeforeTheCharacterKey) {
-    const auto code = static_cast<std::int32_t>(fourCharacterCode("abcd"));
+    const auto code = static_cast<std::int32_t>(KROFourCharCode("abcd"));
     const std::string decimalKey = "KROAudioConverterError_failureReason_" + std::to_string(code);
     HostStringTable host(entries({{"KROAudioConverterError_failureReason_abcd", "by characters"},
                                   {decimalKey.c_str(), "by decimal"}}));
@@ -94,8 +90,8 @@ TEST(Part_1_1, TheDecimalKeyIsTriedBeforeTheCharacterKey) {
 }
 
 TEST(Part_1_1, ACodeWithNoEntryUnderEitherKeyUsesTheDefaultFormatWithTheCode) {
-    const std::string expected = KROStringWithFormatArguments(
-        KROLocalizedString("KROError_defaultFailureReason"), 123456);
+    const std::string expected =
+        KROStringWithFormatArguments(KROLocalizedString("KROError_defaultFailureReason"), 123456);
     EXPECT_EQ(KROAudioStreamError::failureReasonForError(123456), expected);
     EXPECT_NE(expected.find("123456"), std::string::npos);
     EXPECT_EQ(KROAudioStreamError::failureReasonForError(-7).find("-7") != std::string::npos, true);
@@ -193,8 +189,8 @@ TEST(Part_1_1, ErrorWithNSErrorWithNoErrorYieldsNoneAndDoesNotFail) {
 
 TEST(Part_1_1, AlertWhileTheApplicationObjectIsNotRunningDoesNothing) {
     int presented = 0;
-    KROError::setAlertHost({[] { return false; },
-                            [&](std::shared_ptr<const KROError>) { ++presented; }});
+    KROError::setAlertHost(
+        {[] { return false; }, [&](std::shared_ptr<const KROError>) { ++presented; }});
     KROError::errorWithCode(1, "x")->alert();
     EXPECT_EQ(presented, 0);
     KROError::setAlertHost({});

@@ -89,7 +89,8 @@ TEST(KRONotificationCenter, ObserversOfANameReceiveItsNotificationsInOrder) {
 TEST(KRONotificationCenter, ARemovedObserverIsNotCalled) {
     auto& center = KRONotificationCenter::defaultCenter();
     int calls = 0;
-    const auto token = center.addObserver("KROTestRemoved", [&](const KRONotification&) { ++calls; });
+    const auto token =
+        center.addObserver("KROTestRemoved", [&](const KRONotification&) { ++calls; });
     center.postNotification("KROTestRemoved");
     center.removeObserver(token);
     center.postNotification("KROTestRemoved");
@@ -111,7 +112,8 @@ TEST(KRONotificationCenter, AnObserverMayRemoveAnotherDuringDelivery) {
 TEST(KRONotificationCenter, PostingFromManyThreadsDeliversEveryNotification) {
     auto& center = KRONotificationCenter::defaultCenter();
     std::atomic<int> calls{0};
-    const auto token = center.addObserver("KROTestThreads", [&](const KRONotification&) { ++calls; });
+    const auto token =
+        center.addObserver("KROTestThreads", [&](const KRONotification&) { ++calls; });
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&] {

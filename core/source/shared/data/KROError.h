@@ -97,7 +97,7 @@ protected:
         static std::shared_ptr<Name> errorWithCode(std::int64_t code, const std::string& action) { \
             return makeError<Name>(code, action);                                                  \
         }                                                                                          \
-        static std::string errorDomain() { return domainForClassName(staticClassName()); }        \
+        static std::string errorDomain() { return domainForClassName(staticClassName()); }         \
         static std::string alertMessage() { return alertMessageForClassName(staticClassName()); }  \
         static std::string failureReasonForError(std::int32_t code) {                              \
             return failureReasonForClassName(staticClassName(), code);                             \
