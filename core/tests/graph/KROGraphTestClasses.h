@@ -314,8 +314,7 @@ template <typename Family>
 void expectError(const KROErrorPtr& error, std::int64_t code, const std::string& action) {
     ASSERT_NE(error, nullptr);
     EXPECT_NE(std::dynamic_pointer_cast<Family>(error), nullptr) << error->className();
-    // KROError's static domain() hides the object's; ask the platform error.
-    EXPECT_EQ(static_cast<const KRONSError&>(*error).domain(), Family::errorDomain());
+    EXPECT_EQ(error->domain(), Family::errorDomain());
     EXPECT_EQ(error->code(), code);
     const std::string reasonKey =
         Family::staticClassName() + "_failureReason_" + std::to_string(code);

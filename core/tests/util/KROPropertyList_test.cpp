@@ -195,10 +195,8 @@ std::vector<std::uint8_t> chainOfArrays(std::size_t depth, std::size_t width = 1
     return builder.build(0);
 }
 
-// Through KROError, domain() names the class-level domain of KROError; the
-// error's own domain is the platform error's.
 std::string domainOf(const KROError& error) {
-    return static_cast<const KRONSError&>(error).domain();
+    return error.domain();
 }
 
 void expectCorruptData(const KROErrorPtr& error) {

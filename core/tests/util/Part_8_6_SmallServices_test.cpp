@@ -342,7 +342,7 @@ TEST(Part_8_6_SmallServices,
                            "{\"channel_index\": \"2\"}]}");
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->className(), "KROXMLParserError");
-    EXPECT_EQ(error->KRONSError::domain(), "KROXMLParserErrorDomain");
+    EXPECT_EQ(error->domain(), "KROXMLParserErrorDomain");
     EXPECT_EQ(error->code(), 5);
     EXPECT_EQ(error->description(), "Reading the XML document failed because the XML document "
                                     "ends before all of its elements are closed.");
