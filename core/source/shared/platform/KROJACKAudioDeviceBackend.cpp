@@ -317,66 +317,54 @@ KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::defaultDevice(std::
 }
 
 KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::name(DeviceID id, std::string& name) {
-    const std::lock_guard guard(lock_);
-    Device device;
-    if (const Status status = lookUp(id, device)) {
-        return status;
-    }
-    name = device.clientName;
-    return noError;
+    return withDevice(id, [&](const Device& device) {
+        name = device.clientName;
+        return noError;
+    });
 }
 
 KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::uid(DeviceID id, std::string& uid) {
-    const std::lock_guard guard(lock_);
-    Device device;
-    if (const Status status = lookUp(id, device)) {
-        return status;
-    }
-    uid = "jack:" + device.clientName;
-    return noError;
+    return withDevice(id, [&](const Device& device) {
+        uid = "jack:" + device.clientName;
+        return noError;
+    });
 }
 
 KROJACKAudioDeviceBackend::Status
 KROJACKAudioDeviceBackend::streamLayout(DeviceID id, std::uint32_t scope,
                                         std::vector<std::uint32_t>& channelsPerBuffer) {
-    const std::lock_guard guard(lock_);
-    Device device;
-    if (const Status status = lookUp(id, device)) {
-        return status;
-    }
-    channelsPerBuffer.assign(device.ports(scope).size(), 1);
-    return noError;
+    return withDevice(id, [&](const Device& device) {
+        channelsPerBuffer.assign(device.ports(scope).size(), 1);
+        return noError;
+    });
 }
 
 KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::channelName(DeviceID id,
                                                                          std::uint32_t scope,
                                                                          std::uint32_t element,
                                                                          std::string& name) {
-    const std::lock_guard guard(lock_);
-    Device device;
-    if (const Status status = lookUp(id, device)) {
-        return status;
-    }
-    const auto& ports = device.ports(scope);
-    if (element == 0 || element > ports.size()) {
-        return unknownProperty;
-    }
-    jack_port_t* port = jack_port_by_name(asClient(client_), ports[element - 1].c_str());
-    if (!port) {
-        return badDevice;
-    }
-    // An alias names the hardware ("alsa_pcm:...:out1") better than the
-    // port; without one the port's own short name serves.
-    const int size = jack_port_name_size();
-    std::vector<char> first(std::size_t(size), '\0');
-    std::vector<char> second(std::size_t(size), '\0');
-    char* aliases[2] = {first.data(), second.data()};
-    if (jack_port_get_aliases(port, aliases) > 0 && first[0] != '\0') {
-        name = first.data();
-    } else {
-        name = jack_port_short_name(port);
-    }
-    return noError;
+    return withDevice(id, [&](const Device& device) {
+        const auto& ports = device.ports(scope);
+        if (element == 0 || element > ports.size()) {
+            return unknownProperty;
+        }
+        jack_port_t* port = jack_port_by_name(asClient(client_), ports[element - 1].c_str());
+        if (!port) {
+            return badDevice;
+        }
+        // An alias names the hardware ("alsa_pcm:...:out1") better than the
+        // port; without one the port's own short name serves.
+        const int size = jack_port_name_size();
+        std::vector<char> first(std::size_t(size), '\0');
+        std::vector<char> second(std::size_t(size), '\0');
+        char* aliases[2] = {first.data(), second.data()};
+        if (jack_port_get_aliases(port, aliases) > 0 && first[0] != '\0') {
+            name = first.data();
+        } else {
+            name = jack_port_short_name(port);
+        }
+        return noError;
+    });
 }
 
 KROJACKAudioDeviceBackend::Status
@@ -392,13 +380,10 @@ KROJACKAudioDeviceBackend::sampleRateRanges(DeviceID id,
 }
 
 KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::sampleRate(DeviceID id, double& rate) {
-    const std::lock_guard guard(lock_);
-    Device device;
-    if (const Status status = lookUp(id, device)) {
-        return status;
-    }
-    rate = jack_get_sample_rate(asClient(client_));
-    return noError;
+    return withDevice(id, [&](const Device&) {
+        rate = jack_get_sample_rate(asClient(client_));
+        return noError;
+    });
 }
 
 KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::setSampleRate(DeviceID id,
@@ -412,37 +397,28 @@ KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::setSampleRate(Devic
 
 KROJACKAudioDeviceBackend::Status
 KROJACKAudioDeviceBackend::bufferFrames(DeviceID id, std::uint32_t, std::uint32_t& frames) {
-    const std::lock_guard guard(lock_);
-    Device device;
-    if (const Status status = lookUp(id, device)) {
-        return status;
-    }
-    frames = jack_get_buffer_size(asClient(client_));
-    return noError;
+    return withDevice(id, [&](const Device&) {
+        frames = jack_get_buffer_size(asClient(client_));
+        return noError;
+    });
 }
 
 KROJACKAudioDeviceBackend::Status
 KROJACKAudioDeviceBackend::setBufferFrames(DeviceID id, std::uint32_t, std::uint32_t frames) {
-    const std::lock_guard guard(lock_);
-    Device device;
-    if (const Status status = lookUp(id, device)) {
-        return status;
-    }
-    // The size is the server's, for both directions and every client.
-    return jack_set_buffer_size(asClient(client_), frames) == 0 ? noError : illegalOperation;
+    return withDevice(id, [&](const Device&) {
+        // The size is the server's, for both directions and every client.
+        return jack_set_buffer_size(asClient(client_), frames) == 0 ? noError : illegalOperation;
+    });
 }
 
 KROJACKAudioDeviceBackend::Status
 KROJACKAudioDeviceBackend::bufferFrameRange(DeviceID id, std::uint32_t, std::uint32_t& minimum,
                                             std::uint32_t& maximum) {
-    const std::lock_guard guard(lock_);
-    Device device;
-    if (const Status status = lookUp(id, device)) {
-        return status;
-    }
-    minimum = smallestBufferFrames;
-    maximum = largestBufferFrames;
-    return noError;
+    return withDevice(id, [&](const Device&) {
+        minimum = smallestBufferFrames;
+        maximum = largestBufferFrames;
+        return noError;
+    });
 }
 
 KROJACKAudioDeviceBackend::Status

@@ -75,6 +75,15 @@ private:
     std::vector<Device> scanDevices();
     // The device with the number; lock_ held.
     Status lookUp(DeviceID id, Device& device);
+    // Answers for a known device under lock_, else gives the look-up's status.
+    template <typename Answer> Status withDevice(DeviceID id, Answer answer) {
+        const std::lock_guard guard(lock_);
+        Device device;
+        if (const Status status = lookUp(id, device)) {
+            return status;
+        }
+        return answer(device);
+    }
     DeviceID idForClient(const std::string& clientName);
     Status connectPorts(IOProc& proc);
 
