@@ -21,6 +21,7 @@
 #include <xmmintrin.h>
 
 #include "KROAudioBufferList.h"
+#include "KROBenchmarkSupport.h"
 
 namespace {
 
@@ -221,12 +222,6 @@ int main(int argc, char** argv) {
             benchmark->Arg(frames);
         }
     }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
     RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return KRORunBenchmarks(argc, argv, reporter);
 }

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "KROAudioConverter.h"
+#include "KROBenchmarkSupport.h"
 
 namespace {
 
@@ -197,20 +198,9 @@ void libsndfileWrite(benchmark::State& state, const Case& c) {
 
 // The console output, then a table of MB/s of input and of the ratio
 // ours / libsndfile, measured in the same run.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public KROCounterReporter {
 public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.run_type != Run::RT_Iteration || run.error_occurred) {
-                continue;
-            }
-            const auto rate = run.counters.find("bytes_per_second");
-            if (rate != run.counters.end()) {
-                megabytesPerSecond_[run.benchmark_name()] = rate->second.value / 1e6;
-            }
-        }
-    }
+    RatioReporter() : KROCounterReporter("bytes_per_second", 1e-6) {}
 
     void Finalize() override {
         ConsoleReporter::Finalize();
@@ -218,8 +208,8 @@ public:
         for (const char* direction : {"read", "write"}) {
             for (const Case& c : kCases) {
                 const std::string name = std::string(direction) + "/" + c.name;
-                const double ours = rate("kro/" + name);
-                const double theirs = rate("libsndfile/" + name);
+                const double ours = figure("kro/" + name);
+                const double theirs = figure("libsndfile/" + name);
                 if (ours == 0.0 && theirs == 0.0) {
                     continue;
                 }
@@ -228,14 +218,6 @@ public:
             }
         }
     }
-
-private:
-    double rate(const std::string& name) const {
-        const auto found = megabytesPerSecond_.find(name);
-        return found == megabytesPerSecond_.end() ? 0.0 : found->second;
-    }
-
-    std::map<std::string, double> megabytesPerSecond_;
 };
 
 } // namespace
@@ -248,12 +230,6 @@ int main(int argc, char** argv) {
         benchmark::RegisterBenchmark(("kro/write/" + name).c_str(), ourWrite, c);
         benchmark::RegisterBenchmark(("libsndfile/write/" + name).c_str(), libsndfileWrite, c);
     }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
     RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return KRORunBenchmarks(argc, argv, reporter);
 }

@@ -27,6 +27,7 @@
 #include "KROAudioBufferList.h"
 #include "KROAudioConnection.h"
 #include "KROAudioStream.h"
+#include "KROBenchmarkSupport.h"
 #include "KROClassRegistry.h"
 #include "KROHeadAudioProcessor.h"
 #include "KROLevelMeterAudioProcessor.h"
@@ -136,23 +137,9 @@ void sox(benchmark::State& state, const char* synth) {
 
 // The console output, then a table of multiples of real time and the ratio
 // ours / sox, measured in the same run.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public KROCounterReporter {
 public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.run_type != Run::RT_Iteration || run.error_occurred) {
-                continue;
-            }
-            const auto rate = run.counters.find("x_realtime");
-            if (rate != run.counters.end()) {
-                std::string name = run.benchmark_name();
-                name = name.substr(0, name.find("/manual_time"));
-                name = name.substr(0, name.find("/real_time"));
-                realTime_[name] = rate->second.value;
-            }
-        }
-    }
+    RatioReporter() : KROCounterReporter("x_realtime") {}
 
     void Finalize() override {
         ConsoleReporter::Finalize();
@@ -165,14 +152,6 @@ public:
                         theirs > 0 ? mine / theirs : 0.0);
         }
     }
-
-private:
-    double figure(const std::string& name) const {
-        const auto found = realTime_.find(name);
-        return found == realTime_.end() ? 0.0 : found->second;
-    }
-
-    std::map<std::string, double> realTime_;
 };
 
 } // namespace
@@ -190,12 +169,6 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark("sox/pink", sox, "pinknoise")
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
     RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return KRORunBenchmarks(argc, argv, reporter);
 }
