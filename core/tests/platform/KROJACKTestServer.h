@@ -32,6 +32,10 @@ public:
         return "kro-test-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
     }
 
+    // Whether the next start runs the server and its clients' process
+    // threads under SCHED_FIFO (jackd -R); by default they are ordinary.
+    void setRealtime(bool realtime) { realtime_ = realtime; }
+
     // Starts jackd and waits until a client can open, at most timeout.
     bool start(unsigned frames = 256, unsigned rate = 48000,
                std::chrono::seconds timeout = std::chrono::seconds(10)) {
@@ -50,8 +54,9 @@ public:
             dup2(null, STDERR_FILENO);
             const std::string period = std::to_string(frames);
             const std::string sampleRate = std::to_string(rate);
-            execlp("jackd", "jackd", "-n", name_.c_str(), "--no-realtime", "-d", "dummy", "-r",
-                   sampleRate.c_str(), "-p", period.c_str(), static_cast<char*>(nullptr));
+            execlp("jackd", "jackd", "-n", name_.c_str(), realtime_ ? "-R" : "--no-realtime", "-d",
+                   "dummy", "-r", sampleRate.c_str(), "-p", period.c_str(),
+                   static_cast<char*>(nullptr));
             _exit(127);
         }
         if (pid_ < 0) {
@@ -108,4 +113,5 @@ private:
 
     std::string name_;
     pid_t pid_ = 0;
+    bool realtime_ = false;
 };
