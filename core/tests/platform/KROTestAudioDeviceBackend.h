@@ -1,8 +1,12 @@
 // A device layer of fixed answers for the edge cases of Part 9.1 that no
-// JACK server can show: rate ranges, several buffers, channels without names.
+// JACK server can show: rate ranges, several buffers, channels without names,
+// data sources and exclusive use.
 #pragma once
 
+#include <unistd.h>
+
 #include <map>
+#include <optional>
 
 #include "KROAudioDeviceBackend.h"
 
@@ -16,6 +20,13 @@ public:
     // Channel names by element (from 1); missing ones have no name.
     std::map<std::uint32_t, std::string> channelNames;
     std::uint32_t frames = 64;
+    // 'oink': none when the layer has no exclusive use; toggled by writing.
+    std::optional<std::int64_t> hogPID;
+    std::int64_t otherPID = 1;
+    int hogWrites = 0;
+    // 'ssc#' and 'lscn' of the input scope, and 'ssrc'.
+    std::map<std::uint64_t, std::string> inputSourceNames;
+    std::vector<std::uint64_t> selectedInputSources;
 
     Status deviceIDs(std::vector<DeviceID>& ids) override {
         ids = {deviceID};
@@ -67,6 +78,44 @@ public:
                             std::uint32_t& maximum) override {
         minimum = 16;
         maximum = 4096;
+        return noError;
+    }
+    Status hogMode(DeviceID, std::int64_t& pid) override {
+        if (!hogPID) {
+            return unknownProperty;
+        }
+        pid = *hogPID;
+        return noError;
+    }
+    Status toggleHogMode(DeviceID) override {
+        ++hogWrites;
+        hogPID = *hogPID == -1 ? std::int64_t(getpid()) : -1;
+        return noError;
+    }
+    Status sourceIDs(DeviceID, std::uint32_t scope, std::vector<std::uint64_t>& ids) override {
+        ids.clear();
+        if (scope == scopeInput) {
+            for (const auto& [id, name] : inputSourceNames) {
+                ids.push_back(id);
+            }
+        }
+        return noError;
+    }
+    Status sourceName(DeviceID, std::uint32_t, std::uint64_t sourceID, std::string& text) override {
+        const auto found = inputSourceNames.find(sourceID);
+        if (found == inputSourceNames.end()) {
+            return unknownProperty;
+        }
+        text = found->second;
+        return noError;
+    }
+    Status selectedSources(DeviceID, std::uint32_t, std::vector<std::uint64_t>& ids) override {
+        ids = selectedInputSources;
+        return noError;
+    }
+    Status setSelectedSources(DeviceID, std::uint32_t,
+                              const std::vector<std::uint64_t>& ids) override {
+        selectedInputSources = ids;
         return noError;
     }
     Status createIOProc(DeviceID, std::uint32_t, std::uint32_t, KROAudioDeviceIOProc, void*,

@@ -22,11 +22,13 @@
 #include "KROAudioDeviceSource.h"
 #include "KROAudioPlaythrough.h"
 #include "KROAudioStream.h"
+#include "KROJACKServerTest.h"
 #include "KROJACKTestCapture.h"
 #include "KROJACKTestLoopDevice.h"
 #include "KROJACKTestServer.h"
 #include "KROJACKWatchedAudioDeviceBackend.h"
 #include "KROLevelMeterAudioProcessor.h"
+#include "KROLocalizedString.h"
 #include "KRONotificationCenter.h"
 #include "KROOSXHardwareAudioProcessor.h"
 #include "KROSchedulingProbe.h"
@@ -44,7 +46,7 @@ extern "C" const char* __lsan_default_suppressions() {
 namespace {
 
 using Backend = KROAudioDeviceBackend;
-constexpr unsigned watchdogSeconds = 90;
+constexpr unsigned watchdogSeconds = KROJACKServerTest::watchdogSeconds;
 
 std::filesystem::path exampleDescription() {
     return std::filesystem::path(KRO_SOURCE_DIR) / "examples" / "sine-to-level-meter.plist";
@@ -145,19 +147,7 @@ KROPropertyList playthroughDescription() {
     return description;
 }
 
-class Part_9_1_JACK : public ::testing::Test {
-protected:
-    void SetUp() override {
-        alarm(watchdogSeconds);
-        ASSERT_TRUE(server_.start()) << "jackd did not start";
-    }
-    void TearDown() override {
-        server_.stop();
-        alarm(0);
-    }
-
-    KROJACKTestServer server_;
-};
+class Part_9_1_JACK : public KROJACKServerTest {};
 
 class Part_9_1 : public ::testing::Test {
 protected:
@@ -199,6 +189,62 @@ TEST_F(Part_9_1_JACK, ListsTheServersPhysicalClientAsADevice) {
     EXPECT_TRUE(KROAudioDevice::deviceWithUID("jack:system")->isEqual(*device));
     EXPECT_EQ(KROAudioDevice::inputDevices().size(), 1u);
     EXPECT_EQ(KROAudioDevice::outputDevices().size(), 1u);
+}
+
+TEST_F(Part_9_1_JACK, TheServersDeviceAnswersEveryQuestionOfBothDirections) {
+    const auto device = KROAudioDevice::defaultOutputDevice();
+    ASSERT_NE(device, nullptr);
+    EXPECT_TRUE(KROAudioDevice::defaultInputDevice()->isEqual(*device));
+    EXPECT_TRUE(KROAudioDevice::systemOutputDevice()->isEqual(*device));
+    EXPECT_EQ(device->inputBufferFrames(), 256u);
+    EXPECT_EQ(device->inputSafetyOffset(), 0u);
+    const NSLongRange range = device->outputBufferFrameSizeRange();
+    EXPECT_EQ(range.location, 16u);
+    EXPECT_EQ(range.length, 8192u - 16u);
+    EXPECT_EQ(device->inputBufferFrameSizeRange().location, 16u);
+    const auto inputTitles = device->inputChannelTitles();
+    ASSERT_TRUE(inputTitles.has_value());
+    EXPECT_EQ(inputTitles->size(), 2u);
+    EXPECT_EQ(device->titleOfInputChannel(0), inputTitles->front());
+    // JACK has no configuration application, no data sources and no
+    // exclusive use: the reads fail or are empty, as on a device without them.
+    KROErrorPtr error;
+    EXPECT_FALSE(device->configurationApplicationIdentifier(&error).has_value());
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->domain(), "KROAudioDeviceErrorDomain");
+    EXPECT_TRUE(device->inputSources().empty());
+    EXPECT_EQ(device->exclusivity(), 0);
+    EXPECT_FALSE(device->setIsExclusive(true));
+}
+
+TEST_F(Part_9_1_JACK, SetDeviceStoresTheDeviceAndPostsDidChange) {
+    const auto head = std::make_shared<KROOSXHardwareAudioProcessor>();
+    ASSERT_TRUE(head->init());
+    KROJACKTestLoopDevice card(8192);
+    ASSERT_TRUE(card.open());
+    const auto device = KROAudioDevice::deviceWithName(KROJACKTestLoopDevice::name);
+    ASSERT_NE(device, nullptr);
+    NotificationWaiter changed("KROOSXHardwareAudioProcessorAudioDeviceDidChange");
+    EXPECT_TRUE(head->setDevice(device));
+    EXPECT_TRUE(changed.wait(std::chrono::milliseconds(0)));
+    EXPECT_TRUE(head->device()->isEqual(*device));
+    NotificationWaiter unchanged("KROOSXHardwareAudioProcessorAudioDeviceDidChange");
+    EXPECT_TRUE(head->setDevice(KROAudioDevice::deviceWithID(device->deviceID())));
+    EXPECT_FALSE(unchanged.wait(std::chrono::milliseconds(0)));
+}
+
+TEST_F(Part_9_1_JACK, ASoundCardThatAppearsPostsDevicesChangedAndJoinsTheList) {
+    KROAudioDevice::initialize();
+    EXPECT_EQ(KROAudioDevice::devices().size(), 1u);
+    NotificationWaiter changed("KROAudioDeviceDevicesChanged");
+    KROJACKTestLoopDevice card(8192);
+    ASSERT_TRUE(card.open());
+    ASSERT_TRUE(changed.wait(std::chrono::seconds(10)));
+    const auto devices = KROAudioDevice::devices();
+    ASSERT_EQ(devices.size(), 2u);
+    EXPECT_EQ(devices[1]->title(), KROJACKTestLoopDevice::name);
+    EXPECT_TRUE(devices[1]->hasPhysicalInputs());
+    EXPECT_TRUE(devices[1]->hasPhysicalOutputs());
 }
 
 TEST_F(Part_9_1_JACK, RendersA1kHzSineThroughTheHeadCapturedByASecondClient) {
@@ -340,6 +386,7 @@ TEST_F(Part_9_1_JACK, AServerThatGoesAwayWhilePlayingIsNoticedWithoutAHang) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     EXPECT_FALSE(device->isValid());
+    EXPECT_TRUE(gone.wait(std::chrono::seconds(10)));
     EXPECT_TRUE(stream->stop());
     EXPECT_TRUE(stream->uninitialize());
 }
@@ -603,6 +650,52 @@ TEST_F(Part_9_1, PlaythroughRendersWhatWasStoredFromTheFirstRenderOn) {
     EXPECT_EQ(out->valueAtFrame(63), 64.0f);
 }
 
+// Algorithms 7, 10 and 6 through both heads: the input head reads the
+// device's interleaved memory at its stride, the playthrough delays it by
+// latency frames (64 + 64 on the fixed layer), and the render head adds it
+// into the device's memory at its stride.
+TEST_F(Part_9_1, TheInputHeadReadsAtTheStrideAndThePlaythroughHandsItToTheRenderHead) {
+    KROAudioStream stream;
+    ASSERT_TRUE(stream.initWithDescription(playthroughDescription()));
+    ASSERT_TRUE(stream.initialize());
+    auto* capture = dynamic_cast<KROOSXHardwareAudioProcessor*>(
+        stream.processorWithIdentifier("capture").get());
+    auto* playback = dynamic_cast<KROOSXHardwareAudioProcessor*>(
+        stream.processorWithIdentifier("playback").get());
+    const auto through =
+        std::dynamic_pointer_cast<KROAudioPlaythrough>(stream.processorWithIdentifier("through"));
+    ASSERT_TRUE(capture && playback && through);
+    EXPECT_EQ(through->latency(), 128u);
+    through->setEnabled(true);
+    // Two blocks of input, left i + 1 and right -(i + 1), interleaved.
+    for (const std::int64_t at : {0, 64}) {
+        std::vector<float> memory(128);
+        for (std::size_t i = 0; i < 64; ++i) {
+            memory[2 * i] = float(at) + float(i + 1);
+            memory[2 * i + 1] = -(float(at) + float(i + 1));
+        }
+        KROAudioDeviceBuffer buffer{memory.data(), 2};
+        KRO_EXPECT_NO_ALLOCATION(capture->inputWithBuffer(&buffer, 1, 64, {0, at}));
+    }
+    EXPECT_EQ(through->firstStoredFrame(), 0);
+    // The first render reads 128 frames before the first stored one, the
+    // second 64 frames before it: silence; the third reads frame 0 on.
+    std::vector<float> output(128);
+    for (const std::int64_t at : {5000, 5064, 5128}) {
+        std::fill(output.begin(), output.end(), 0.5f);
+        KROAudioDeviceBuffer buffer{output.data(), 2};
+        KRO_EXPECT_NO_ALLOCATION(playback->renderAudioToBuffer(&buffer, 1, 64, {0, at}));
+        if (at < 5128) {
+            EXPECT_EQ(*std::max_element(output.begin(), output.end()), 0.5f);
+        }
+    }
+    EXPECT_EQ(through->firstRenderFrame(), 5000);
+    EXPECT_EQ(output[0], 1.5f);
+    EXPECT_EQ(output[1], -0.5f);
+    EXPECT_EQ(output[2 * 63], 64.5f);
+    EXPECT_EQ(output[2 * 63 + 1], -63.5f);
+}
+
 TEST_F(Part_9_1, ADifferentChannelCountOnTheTwoSidesOfAPlaythroughFailsAtTheSecondInitialisation) {
     PlaythroughRig rig(2, 1);
     ASSERT_TRUE(rig.playthrough->initializeForInput());
@@ -659,6 +752,71 @@ TEST_F(Part_9_1, ExclusivityIsUnknownWhereTheLayerHasNoExclusiveUse) {
     const auto device = KROAudioDevice::deviceWithID(KROTestAudioDeviceBackend::deviceID);
     EXPECT_EQ(device->exclusivity(), 0);
     EXPECT_FALSE(device->setIsExclusive(true));
+}
+
+TEST_F(Part_9_1, ExclusivityFollowsAlgorithm3InEveryState) {
+    const auto device = KROAudioDevice::deviceWithID(KROTestAudioDeviceBackend::deviceID);
+    backend_->hogPID = -1;
+    EXPECT_EQ(device->exclusivity(), 1);
+    // Free and not wanted: true, nothing written.
+    EXPECT_TRUE(device->setIsExclusive(false));
+    EXPECT_EQ(backend_->hogWrites, 0);
+    // Free and wanted: written once, now held by this process.
+    EXPECT_TRUE(device->setIsExclusive(true));
+    EXPECT_EQ(backend_->hogWrites, 1);
+    EXPECT_EQ(device->exclusivity(), 2);
+    // Held and wanted: true, nothing written.
+    EXPECT_TRUE(device->setIsExclusive(true));
+    EXPECT_EQ(backend_->hogWrites, 1);
+    // Held and given up: written again, the property toggles back.
+    EXPECT_TRUE(device->setIsExclusive(false));
+    EXPECT_EQ(backend_->hogWrites, 2);
+    EXPECT_EQ(device->exclusivity(), 1);
+    // Held by another process: '!hog' with the action of setting exclusivity.
+    backend_->hogPID = backend_->otherPID;
+    EXPECT_EQ(device->exclusivity(), 3);
+    for (const bool wanted : {true, false}) {
+        KROErrorPtr error;
+        EXPECT_FALSE(device->setIsExclusive(wanted, &error));
+        ASSERT_NE(error, nullptr);
+        EXPECT_EQ(error->code(), KROFourCharCode("!hog"));
+        EXPECT_EQ(error->domain(), "KROAudioDeviceErrorDomain");
+        EXPECT_EQ(error->description().rfind(
+                      KROLocalizedString("KROAudioDevice_action_settingExclusivity"), 0),
+                  0u)
+            << error->description();
+    }
+    EXPECT_EQ(backend_->hogWrites, 2);
+}
+
+TEST_F(Part_9_1, AFailedExclusivityReadIsAnErrorWithTheRetrievingAction) {
+    const auto device = KROAudioDevice::deviceWithID(KROTestAudioDeviceBackend::deviceID);
+    KROErrorPtr error;
+    EXPECT_EQ(device->exclusivity(&error), 0);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->code(), Backend::unknownProperty);
+    EXPECT_EQ(error->description().rfind(
+                  KROLocalizedString("KROAudioDevice_action_retrievingExclusivity"), 0),
+              0u)
+        << error->description();
+}
+
+TEST_F(Part_9_1, SourcesAreTitledAndTheirEnabledStateReadsAndRewritesTheSelection) {
+    backend_->inputSourceNames = {{0x6c696e65, "Line In"}, {0x6d696320, "Microphone"}};
+    backend_->selectedInputSources = {0x6d696320};
+    const auto device = KROAudioDevice::deviceWithID(KROTestAudioDeviceBackend::deviceID);
+    const auto sources = device->inputSources();
+    ASSERT_EQ(sources.size(), 2u);
+    EXPECT_EQ(sources[0]->title(), "Line In");
+    EXPECT_EQ(sources[0]->scope(), Backend::scopeInput);
+    EXPECT_EQ(sources[0]->description(), "KROAudioDeviceSource: Line In [1818848869]");
+    EXPECT_FALSE(sources[0]->enabled());
+    EXPECT_TRUE(sources[1]->enabled());
+    EXPECT_TRUE(sources[0]->setEnabled(true));
+    EXPECT_EQ(backend_->selectedInputSources, (std::vector<std::uint64_t>{0x6d696320, 0x6c696e65}));
+    EXPECT_TRUE(sources[1]->setEnabled(false));
+    EXPECT_EQ(backend_->selectedInputSources, std::vector<std::uint64_t>{0x6c696e65});
+    EXPECT_TRUE(device->outputSources().empty());
 }
 
 TEST_F(Part_9_1, ASourceDescribesItselfWithTitleAndNumberAndComparesByItsThreeNumbers) {

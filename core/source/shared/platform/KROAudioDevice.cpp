@@ -33,12 +33,24 @@ constexpr std::array<double, 10> standardRates = {11025, 12000, 22050, 24000,  4
 } // namespace
 
 void KROAudioDevice::initialize() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        backend()->addDevicesListener([] {
-            KRONotificationCenter::defaultCenter().postNotification("KROAudioDeviceDevicesChanged");
-        });
+    // Once for each device layer: a host or a test that puts another layer
+    // in place calls this again, and the listener moves to the new layer.
+    static std::mutex lock;
+    static std::weak_ptr<Backend> listenedTo;
+    static Backend::ListenerToken token = 0;
+    const std::lock_guard guard(lock);
+    const std::shared_ptr<Backend> current = backend();
+    const std::shared_ptr<Backend> previous = listenedTo.lock();
+    if (previous == current) {
+        return;
+    }
+    if (previous) {
+        previous->removeListener(token);
+    }
+    token = current->addDevicesListener([] {
+        KRONotificationCenter::defaultCenter().postNotification("KROAudioDeviceDevicesChanged");
     });
+    listenedTo = current;
 }
 
 KROAudioDevice::Devices KROAudioDevice::devices(KROErrorPtr* error) {

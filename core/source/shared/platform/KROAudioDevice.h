@@ -27,7 +27,7 @@ public:
     // The value of a failed count, size or offset read.
     static constexpr std::uint64_t notFound = 0x7fffffffffffffff;
 
-    // Once: listens to the device list and posts
+    // Once for each device layer: listens to the device list and posts
     // "KROAudioDeviceDevicesChanged" with no object on a change.
     static void initialize();
 

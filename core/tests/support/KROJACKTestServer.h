@@ -1,7 +1,8 @@
-// A private JACK server for the tests of Part 9.1: jackd with the dummy
-// backend under a name of its own, so that a test never touches a user's
-// server. The server dies with the test program (PR_SET_PDEATHSIG), and the
-// shared device backend is replaced by a fresh JACK backend bound to it.
+// A private JACK server for the tests of Part 9.1, of the kro program and of
+// the device benchmark: jackd with the dummy backend under a name of its own,
+// so that a test never touches a user's server. The server dies with the
+// program that started it (PR_SET_PDEATHSIG), and the shared device backend
+// is replaced by a fresh JACK backend bound to it.
 #pragma once
 
 #include <fcntl.h>

@@ -1,0 +1,27 @@
+// A test fixture that runs each test beside a private JACK server (dummy
+// backend), with an alarm that ends the program rather than let a test that
+// waits on JACK hang.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "KROJACKTestServer.h"
+
+class KROJACKServerTest : public ::testing::Test {
+public:
+    // Long enough for the 30 s runs of Part 9.1 under a sanitizer.
+    static constexpr unsigned watchdogSeconds = 120;
+
+protected:
+    void SetUp() override {
+        alarm(watchdogSeconds);
+        ASSERT_TRUE(server_.start()) << "jackd did not start";
+    }
+    void TearDown() override {
+        server_.stop();
+        alarm(0);
+    }
+
+    KROJACKTestServer server_;
+};
