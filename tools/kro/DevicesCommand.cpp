@@ -4,6 +4,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "DeviceErrorMessage.h"
 #include "KROAudioDevice.h"
 
 namespace {
@@ -84,8 +85,7 @@ int DevicesCommand::run() const {
     KROErrorPtr error;
     const KROAudioDevice::Devices devices = KROAudioDevice::devices(&error);
     if (error) {
-        std::cerr << "kro: " << error->description()
-                  << "\nStart a JACK server (jackd) or PipeWire's JACK, then try again.\n";
+        std::cerr << "kro: " << deviceErrorMessage(*error) << "\n";
         return 1;
     }
     if (json_) {

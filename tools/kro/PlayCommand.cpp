@@ -10,6 +10,7 @@
 #include <sstream>
 #include <thread>
 
+#include "DeviceErrorMessage.h"
 #include "KROAudioDevice.h"
 #include "KROAudioStream.h"
 #include "KROLevelMeterAudioProcessor.h"
@@ -31,7 +32,7 @@ int fail(const std::string& message) {
 }
 
 std::string describe(const KROErrorPtr& error, const std::string& fallback) {
-    return error ? error->description() : fallback;
+    return error ? deviceErrorMessage(*error) : fallback;
 }
 
 std::shared_ptr<KROLevelMeterAudioProcessor> meterOf(const KROAudioStream& stream) {
