@@ -8,8 +8,9 @@
 #include <vector>
 
 // The console output, keeping one counter of every iteration run by its
-// benchmark name (without the "/real_time" and "/manual_time" suffixes), so
-// that a program's Finalize can print its figure beside the peer's.
+// benchmark name (without the "/iterations:", "/real_time" and "/manual_time"
+// suffixes), so that a program's Finalize can print its figure beside the
+// peer's.
 class KROCounterReporter : public benchmark::ConsoleReporter {
 public:
     // The counter's values are multiplied by scale as they are kept.
@@ -38,6 +39,7 @@ protected:
 
 private:
     static std::string plainName(std::string name) {
+        name = name.substr(0, name.find("/iterations:"));
         name = name.substr(0, name.find("/manual_time"));
         return name.substr(0, name.find("/real_time"));
     }
