@@ -466,21 +466,26 @@ KROJACKAudioDeviceBackend::createIOProc(DeviceID id, std::uint32_t scope, std::u
     return noError;
 }
 
+KROJACKAudioDeviceBackend::IOProc* KROJACKAudioDeviceBackend::findProc(std::uint64_t procID) const {
+    const auto found = procs_.find(procID);
+    return found == procs_.end() ? nullptr : found->second.get();
+}
+
 KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::destroyIOProc(std::uint64_t procID) {
     const std::lock_guard guard(lock_);
-    const auto found = procs_.find(procID);
-    if (found == procs_.end()) {
+    IOProc* proc = findProc(procID);
+    if (!proc) {
         return illegalOperation;
     }
     // Closing deactivates first, so the callback has finished when this
     // returns. A client whose server went away is left as it is: libjack
     // crashes in jack_client_close then.
-    if (found->second->gone.load()) {
-        abandonClient(found->second->client);
+    if (proc->gone.load()) {
+        abandonClient(proc->client);
     } else {
-        jack_client_close(found->second->client);
+        jack_client_close(proc->client);
     }
-    procs_.erase(found);
+    procs_.erase(procID);
     return noError;
 }
 
@@ -505,11 +510,11 @@ KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::connectPorts(IOProc
 
 KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::start(std::uint64_t procID) {
     const std::lock_guard guard(lock_);
-    const auto found = procs_.find(procID);
-    if (found == procs_.end()) {
+    IOProc* found = findProc(procID);
+    if (!found) {
         return illegalOperation;
     }
-    IOProc& proc = *found->second;
+    IOProc& proc = *found;
     if (proc.running) {
         return noError;
     }
@@ -522,11 +527,11 @@ KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::start(std::uint64_t
 
 KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::stop(std::uint64_t procID) {
     const std::lock_guard guard(lock_);
-    const auto found = procs_.find(procID);
-    if (found == procs_.end()) {
+    IOProc* found = findProc(procID);
+    if (!found) {
         return illegalOperation;
     }
-    IOProc& proc = *found->second;
+    IOProc& proc = *found;
     if (proc.running) {
         if (!proc.gone.load()) {
             jack_deactivate(proc.client);
@@ -538,11 +543,11 @@ KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::stop(std::uint64_t 
 
 KROAudioDeviceIOStatistics KROJACKAudioDeviceBackend::statistics(std::uint64_t procID) const {
     const std::lock_guard guard(lock_);
-    const auto found = procs_.find(procID);
-    if (found == procs_.end()) {
+    const IOProc* found = findProc(procID);
+    if (!found) {
         return {};
     }
-    const IOProc& proc = *found->second;
+    const IOProc& proc = *found;
     KROAudioDeviceIOStatistics result;
     result.callbacks = proc.callbacks.load(std::memory_order_relaxed);
     result.xruns = proc.xruns.load(std::memory_order_relaxed);

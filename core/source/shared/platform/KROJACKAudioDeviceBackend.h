@@ -85,6 +85,8 @@ private:
         return answer(device);
     }
     DeviceID idForClient(const std::string& clientName);
+    // The registered callback with the number, or none; lock_ held.
+    IOProc* findProc(std::uint64_t procID) const;
     Status connectPorts(IOProc& proc);
 
     void runWorker();
