@@ -21,6 +21,7 @@
 #include "KROAllocationGuard.h"
 #include "KROAudioRingBufferList.h"
 #include "KROLocalizedString.h"
+#include "KROTestCommand.h"
 #include "KROVectorOps.h"
 
 namespace {
@@ -1159,17 +1160,14 @@ std::vector<std::vector<double>> numpyStatistics(const std::vector<std::vector<f
     const std::string command = "/usr/bin/python3 " + scriptFile.string() + " " + file.string() +
                                 " " + std::to_string(channels.size()) + " 2>/dev/null";
     std::vector<std::vector<double>> rows;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char line[1024];
-        while (std::fgets(line, sizeof line, pipe)) {
-            std::istringstream values(line);
-            std::vector<double> row;
-            for (double value; values >> value;) {
-                row.push_back(value);
-            }
-            rows.push_back(row);
+    std::istringstream lines(KRORunCommand(command).output);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream values(line);
+        std::vector<double> row;
+        for (double value; values >> value;) {
+            row.push_back(value);
         }
-        pclose(pipe);
+        rows.push_back(row);
     }
     std::filesystem::remove(file);
     std::filesystem::remove(scriptFile);

@@ -23,6 +23,7 @@
 #include "KROAudioStreamRenderInfo.h"
 #include "KROClassRegistry.h"
 #include "KROHeadAudioProcessor.h"
+#include "KROTestCommand.h"
 
 // An offline render head (Part 2.3, Algorithm 1): owns a buffer of
 // maxFrames frames, writes the format into its input connection and pulls
@@ -215,18 +216,7 @@ inline void writeRawFloats(const std::filesystem::path& path, const float* sampl
 // Runs a shell command and returns its standard output and error; empty
 // when it cannot be run.
 inline std::string runCommand(const std::string& command) {
-    std::string output;
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    if (!pipe) {
-        return output;
-    }
-    char chunk[4096];
-    std::size_t read = 0;
-    while ((read = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) {
-        output.append(chunk, read);
-    }
-    ::pclose(pipe);
-    return output;
+    return KRORunCommand(command + " 2>&1").output;
 }
 
 inline bool haveProgram(const std::string& name) {

@@ -19,6 +19,7 @@
 
 #include "KROJACKServerTest.h"
 #include "KROJACKTestServer.h"
+#include "KROTestCommand.h"
 
 namespace {
 
@@ -98,15 +99,7 @@ Outcome runKro(const std::vector<std::string>& arguments,
 
 // Standard output of a shell command (JACK's tools, python3).
 std::string shell(const std::string& command) {
-    std::string output;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char chunk[4096];
-        while (const std::size_t count = fread(chunk, 1, sizeof chunk, pipe)) {
-            output.append(chunk, count);
-        }
-        pclose(pipe);
-    }
-    return output;
+    return KRORunCommand(command).output;
 }
 
 class KROCommandLine : public KROJACKServerTest {};

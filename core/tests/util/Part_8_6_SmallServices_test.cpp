@@ -17,8 +17,6 @@
 #include <string>
 #include <vector>
 
-#include <sys/wait.h>
-
 #include "KROCRC.h"
 #include "KRODeque.h"
 #include "KROError.h"
@@ -28,6 +26,7 @@
 #include "KROMultipartRequest.h"
 #include "KROPropertyList.h"
 #include "KROStringHelpers.h"
+#include "KROTestCommand.h"
 #include "KROXMLParser.h"
 
 namespace {
@@ -57,30 +56,8 @@ private:
     std::filesystem::path path_;
 };
 
-struct CommandResult {
-    int status = -1;
-    std::string output;
-};
-
 std::string quoted(const std::filesystem::path& path) {
     return "'" + path.string() + "'";
-}
-
-// Runs a shell command and collects its standard output.
-CommandResult run(const std::string& command) {
-    CommandResult result;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) {
-        return result;
-    }
-    std::array<char, 4096> buffer{};
-    std::size_t count = 0;
-    while ((count = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0) {
-        result.output.append(buffer.data(), count);
-    }
-    const int status = pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
 }
 
 void writeFile(const std::filesystem::path& path, const void* bytes, std::size_t length) {
@@ -1104,7 +1081,8 @@ TEST(Part_8_6_Oracle, CRC32AndCCITT16AgreeWithPythonZlibAndBinascii) {
                                                 "    data = open(path, 'rb').read()\n"
                                                 "    print(zlib.crc32(data) & 0xFFFFFFFF, "
                                                 "binascii.crc_hqx(data, 0) ^ 0xFFFF)\n"));
-    const auto result = run(std::string(kPython) + " " + quoted(directory / "crc.py") + files);
+    const auto result =
+        KRORunCommand(std::string(kPython) + " " + quoted(directory / "crc.py") + files);
     ASSERT_EQ(result.status, 0) << result.output;
     const auto expected = lines(result.output);
     ASSERT_EQ(expected.size(), ours.size());
@@ -1122,8 +1100,8 @@ TEST(Part_8_6_Oracle, DigestsAgreeWithMd5sumAndSha1sum) {
         const KROData data = randomData(random, length);
         const auto path = directory / "digest.bin";
         writeFile(path, data);
-        const auto md5 = run("md5sum < " + quoted(path));
-        const auto sha1 = run("sha1sum < " + quoted(path));
+        const auto md5 = KRORunCommand("md5sum < " + quoted(path));
+        const auto sha1 = KRORunCommand("sha1sum < " + quoted(path));
         ASSERT_EQ(md5.status, 0);
         ASSERT_EQ(sha1.status, 0);
         EXPECT_EQ(md5.output.substr(0, 32), hex(kro::md5Digest(data))) << length;
@@ -1145,17 +1123,17 @@ TEST(Part_8_6_Oracle, Base64AgreesWithCoreutilsBothWays) {
         const auto raw = directory / "raw.bin";
         const auto text = directory / "text.b64";
         writeFile(raw, data);
-        const auto encoded = run("base64 -w 0 < " + quoted(raw));
+        const auto encoded = KRORunCommand("base64 -w 0 < " + quoted(raw));
         ASSERT_EQ(encoded.status, 0);
         EXPECT_EQ(kro::encodeBase64(data), encoded.output) << length;
 
-        const auto wrapped = run("base64 < " + quoted(raw));
+        const auto wrapped = KRORunCommand("base64 < " + quoted(raw));
         ASSERT_EQ(wrapped.status, 0);
         EXPECT_EQ(kro::decodeBase64(wrapped.output), data) << length;
 
         writeFile(text, kro::encodeBase64(data));
         const auto decoded =
-            run("base64 -d < " + quoted(text) + " | od -An -v -tx1 | tr -d ' \\n'");
+            KRORunCommand("base64 -d < " + quoted(text) + " | od -An -v -tx1 | tr -d ' \\n'");
         ASSERT_EQ(decoded.status, 0);
         EXPECT_EQ(decoded.output, hex(data)) << length;
     }
@@ -1169,7 +1147,7 @@ TEST(Part_8_6_Oracle, Base64IsStricterThanCoreutils) {
     for (std::string text : {"QR==", "QUJ=", "QQ==QQ==", "Zm8=Zm9v"}) {
         writeFile(directory / "lenient.b64", text);
         const auto decoded =
-            run("base64 -d < " + quoted(directory / "lenient.b64") + " > /dev/null");
+            KRORunCommand("base64 -d < " + quoted(directory / "lenient.b64") + " > /dev/null");
         EXPECT_EQ(decoded.status, 0) << text;
         EXPECT_FALSE(kro::decodeBase64(text).has_value()) << text;
     }
@@ -1177,7 +1155,7 @@ TEST(Part_8_6_Oracle, Base64IsStricterThanCoreutils) {
     for (std::string text : {"QQ", "Q===", "Zm9v!", "=Zm9v"}) {
         writeFile(directory / "bad.b64", text);
         const auto decoded =
-            run("base64 -d < " + quoted(directory / "bad.b64") + " > /dev/null 2>&1");
+            KRORunCommand("base64 -d < " + quoted(directory / "bad.b64") + " > /dev/null 2>&1");
         EXPECT_NE(decoded.status, 0) << text;
         EXPECT_FALSE(kro::decodeBase64(text).has_value()) << text;
     }
@@ -1252,8 +1230,8 @@ TEST(Part_8_6_Oracle, Extended80AgreesWithPythonStructBytes) {
         ours.push_back(hex(KROData(bytes, bytes + 10)));
     }
     writeFile(directory / "values.txt", input);
-    const auto result = run(std::string(kPython) + " " + quoted(directory / "ext.py") + " < " +
-                            quoted(directory / "values.txt"));
+    const auto result = KRORunCommand(std::string(kPython) + " " + quoted(directory / "ext.py") +
+                                      " < " + quoted(directory / "values.txt"));
     ASSERT_EQ(result.status, 0) << result.output;
     const auto expected = lines(result.output);
     ASSERT_EQ(expected.size(), ours.size());
@@ -1299,8 +1277,8 @@ TEST(Part_8_6_Oracle, Extended80ReadsAgreeWithPythonExactArithmetic) {
                           "    else:\n"
                           "        v = float(Fraction(m) * Fraction(2) ** (e - 16383 - 63))\n"
                           "    print((-v if b[0] & 0x80 else v).hex())\n"));
-    const auto result = run(std::string(kPython) + " " + quoted(directory / "read.py") + " < " +
-                            quoted(directory / "patterns.txt"));
+    const auto result = KRORunCommand(std::string(kPython) + " " + quoted(directory / "read.py") +
+                                      " < " + quoted(directory / "patterns.txt"));
     ASSERT_EQ(result.status, 0) << result.output;
     const auto expected = lines(result.output);
     ASSERT_EQ(expected.size(), ours.size());
@@ -1476,7 +1454,8 @@ TEST(Part_8_6_Oracle, XMLTreesAgreeWithPythonXmlEtree) {
                     "        bad += 1\n"
                     "        print('MISMATCH', path, json.dumps(expected), json.dumps(ours))\n"
                     "print('checked', len(sys.argv) - 1, 'mismatches', bad)\n"));
-    const auto result = run(std::string(kPython) + " " + quoted(directory / "etree.py") + files);
+    const auto result =
+        KRORunCommand(std::string(kPython) + " " + quoted(directory / "etree.py") + files);
     ASSERT_EQ(result.status, 0) << result.output;
     EXPECT_EQ(result.output, "checked " + std::to_string(documents.size()) + " mismatches 0\n");
 }
@@ -1508,9 +1487,9 @@ TEST(Part_8_6_Oracle, MultipartBodiesParseWithPythonEmail) {
                     "    name = part.get_param('name', header='content-disposition')\n"
                     "    print(name, part.get_filename(), part.get_content_type(),"
                     " part.get_payload(decode=True).hex())\n"));
-    const auto result =
-        run(std::string(kPython) + " " + quoted(directory / "multipart.py") + " " +
-            quoted(directory / "body.bin") + " '" + *request.valueForHeader("Content-Type") + "'");
+    const auto result = KRORunCommand(
+        std::string(kPython) + " " + quoted(directory / "multipart.py") + " " +
+        quoted(directory / "body.bin") + " '" + *request.valueForHeader("Content-Type") + "'");
     ASSERT_EQ(result.status, 0) << result.output;
     const std::vector<std::string> expected = {
         "title None text/plain " + hex(bytesOf("Gr\xC3\xBC\xC3\x9F"
