@@ -3,10 +3,9 @@ JOBS ?= $(shell nproc)
 BUILD ?= build
 BUILD_ASAN ?= build-asan
 BUILD_TSAN ?= build-tsan
-BUILD_FUZZ ?= build-fuzz
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test test-plain test-asan demo bench tsan fuzz format clean
+.PHONY: all deps configure build asan test test-plain test-asan demo bench tsan fuzz format clean
 
 all: build
 
@@ -24,34 +23,35 @@ test: test-plain test-asan
 test-plain: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-test-asan: deps
-	cmake -S . -B $(BUILD_ASAN) -DCMAKE_BUILD_TYPE=Debug -DKRO_SANITIZE=address $(CMAKE_FLAGS)
+# The sanitizer half is built by clang, so both compilers build every commit;
+# the same build holds the libFuzzer targets, each run FUZZ_SECONDS over its
+# seed corpus after the tests.
+FUZZ_SECONDS ?= 30
+ASAN_CONFIGURE = cmake -S . -B $(BUILD_ASAN) -DCMAKE_BUILD_TYPE=Debug \
+	-DCMAKE_C_FLAGS_DEBUG="-g -O1" -DCMAKE_CXX_FLAGS_DEBUG="-g -O1" \
+	-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	-DKRO_SANITIZE=address -DKRO_FUZZ=ON $(CMAKE_FLAGS)
+
+asan: deps
+	$(ASAN_CONFIGURE)
 	cmake --build $(BUILD_ASAN) -j $(JOBS)
+
+test-asan: asan
 	cd $(BUILD_ASAN) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 		UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 		ctest --output-on-failure -j $(JOBS) -LE nosanitize
+	scripts/run-fuzzers $(BUILD_ASAN) $(FUZZ_SECONDS)
 
 tsan: deps
 	cmake -S . -B $(BUILD_TSAN) -DCMAKE_BUILD_TYPE=Debug -DKRO_SANITIZE=thread $(CMAKE_FLAGS)
 	cmake --build $(BUILD_TSAN) -j $(JOBS)
 	cd $(BUILD_TSAN) && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L tsan
 
-# Builds every libFuzzer target with clang and runs each for FUZZ_SECONDS,
-# seeded with the stream descriptions of examples/.
-FUZZ_SECONDS ?= 60
-fuzz: deps
-	cmake -S . -B $(BUILD_FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
-		-DCMAKE_CXX_COMPILER=clang++ -DKRO_FUZZ=ON $(CMAKE_FLAGS)
-	cmake --build $(BUILD_FUZZ) -j $(JOBS) --target kro_fuzz_targets
-	mkdir -p $(BUILD_FUZZ)/seeds && cp examples/*.plist $(BUILD_FUZZ)/seeds/
-	@for f in $(BUILD_FUZZ)/core/tests/*_fuzz; do \
-		corpus=$(BUILD_FUZZ)/corpus/$$(basename $$f); mkdir -p $$corpus; \
-		echo "== $$f for $(FUZZ_SECONDS) s"; \
-		dict=core/tests/fuzz/$$(basename $$f).dict; \
-		KROCORE_RESOURCES=$(CURDIR)/core/resources $$f -max_total_time=$(FUZZ_SECONDS) \
-			$$([ -f $$dict ] && echo -dict=$$dict) -artifact_prefix=$(BUILD_FUZZ)/ \
-			$$corpus $(BUILD_FUZZ)/seeds || exit 1; \
-	done
+# Runs the fuzzers alone, longer: make fuzz FUZZ_SECONDS=600 [FUZZ_TARGETS="WAVE_fuzz ..."].
+# Findings go to $(BUILD_ASAN)/fuzz/findings/<target>/.
+FUZZ_TARGETS ?=
+fuzz: asan
+	scripts/run-fuzzers $(BUILD_ASAN) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
 demo: build
 	$(BUILD)/tools/kro/kro --version
@@ -65,4 +65,4 @@ format:
 	find core tools -name '*.h' -o -name '*.cpp' -o -name '*.c' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_TSAN) $(BUILD_FUZZ)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_TSAN)

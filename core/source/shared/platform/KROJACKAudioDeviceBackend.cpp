@@ -70,6 +70,16 @@ struct KROJACKAudioDeviceBackend::Device {
     }
 };
 
+template <typename Answer>
+KROAudioDeviceBackend::Status KROJACKAudioDeviceBackend::withDevice(DeviceID id, Answer answer) {
+    const std::lock_guard guard(lock_);
+    Device device;
+    if (const Status status = lookUp(id, device)) {
+        return status;
+    }
+    return answer(device);
+}
+
 // One registered callback: a JACK client with one port per channel. Only the
 // process thread writes the counters; they are atomic for the readers.
 struct KROJACKAudioDeviceBackend::IOProc {

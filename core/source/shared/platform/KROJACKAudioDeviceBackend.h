@@ -76,14 +76,8 @@ private:
     // The device with the number; lock_ held.
     Status lookUp(DeviceID id, Device& device);
     // Answers for a known device under lock_, else gives the look-up's status.
-    template <typename Answer> Status withDevice(DeviceID id, Answer answer) {
-        const std::lock_guard guard(lock_);
-        Device device;
-        if (const Status status = lookUp(id, device)) {
-            return status;
-        }
-        return answer(device);
-    }
+    // Defined beside Device in the source file, where Device is complete.
+    template <typename Answer> Status withDevice(DeviceID id, Answer answer);
     DeviceID idForClient(const std::string& clientName);
     // The registered callback with the number, or none; lock_ held.
     IOProc* findProc(std::uint64_t procID) const;
