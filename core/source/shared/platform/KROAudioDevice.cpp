@@ -15,10 +15,35 @@ namespace {
 
 using Backend = KROAudioDeviceBackend;
 
-// The reference lives to the end of the statement that asks, so a backend
-// replaced meanwhile stays alive for the call.
+// Posts "KROAudioDeviceDevicesChanged" on every change of the layer's device
+// list. Once for each device layer: when a host or a test puts another layer
+// in place, the listener moves to the new one.
+void listenToDevicesOf(const std::shared_ptr<Backend>& current) {
+    static std::mutex lock;
+    static std::weak_ptr<Backend> listenedTo;
+    static Backend::ListenerToken token = 0;
+    const std::lock_guard guard(lock);
+    const std::shared_ptr<Backend> previous = listenedTo.lock();
+    if (previous == current) {
+        return;
+    }
+    if (previous) {
+        previous->removeListener(token);
+    }
+    token = current->addDevicesListener([] {
+        KRONotificationCenter::defaultCenter().postNotification("KROAudioDeviceDevicesChanged");
+    });
+    listenedTo = current;
+}
+
+// The layer every device operation asks. The first use sets up the device
+// list's notice, so a host gets it without a call of its own. The reference
+// lives to the end of the statement that asks, so a backend replaced
+// meanwhile stays alive for the call.
 std::shared_ptr<Backend> backend() {
-    return Backend::sharedBackend();
+    std::shared_ptr<Backend> current = Backend::sharedBackend();
+    listenToDevicesOf(current);
+    return current;
 }
 
 // The failure site for a status of the layer.
@@ -33,24 +58,7 @@ constexpr std::array<double, 10> standardRates = {11025, 12000, 22050, 24000,  4
 } // namespace
 
 void KROAudioDevice::initialize() {
-    // Once for each device layer: a host or a test that puts another layer
-    // in place calls this again, and the listener moves to the new layer.
-    static std::mutex lock;
-    static std::weak_ptr<Backend> listenedTo;
-    static Backend::ListenerToken token = 0;
-    const std::lock_guard guard(lock);
-    const std::shared_ptr<Backend> current = backend();
-    const std::shared_ptr<Backend> previous = listenedTo.lock();
-    if (previous == current) {
-        return;
-    }
-    if (previous) {
-        previous->removeListener(token);
-    }
-    token = current->addDevicesListener([] {
-        KRONotificationCenter::defaultCenter().postNotification("KROAudioDeviceDevicesChanged");
-    });
-    listenedTo = current;
+    backend();
 }
 
 KROAudioDevice::Devices KROAudioDevice::devices(KROErrorPtr* error) {

@@ -231,6 +231,7 @@ KROJACKAudioDeviceBackend::Status KROJACKAudioDeviceBackend::connect() {
     // Activated with no ports, only to receive the server's notices.
     jack_activate(client);
     client_ = client;
+    knownDevices_ = currentDeviceIDs();
     return noError;
 }
 
@@ -659,9 +660,29 @@ void KROJACKAudioDeviceBackend::deliverNotices() {
     if (formatChanged) {
         notifyRateListeners();
     }
-    if (portsChanged_.exchange(false)) {
+    if (portsChanged_.exchange(false) && devicesChanged()) {
         notifyDevicesListeners();
     }
+}
+
+std::vector<KROJACKAudioDeviceBackend::DeviceID> KROJACKAudioDeviceBackend::currentDeviceIDs() {
+    std::vector<DeviceID> ids;
+    if (client_ && !serverGone_.load()) {
+        for (const Device& device : scanDevices()) {
+            ids.push_back(device.id);
+        }
+    }
+    return ids;
+}
+
+bool KROJACKAudioDeviceBackend::devicesChanged() {
+    // Ports come and go for many reasons, this process's own callbacks among
+    // them; only a device that appears or goes is a change of the list.
+    const std::lock_guard guard(lock_);
+    std::vector<DeviceID> ids = currentDeviceIDs();
+    const bool changed = ids != knownDevices_;
+    knownDevices_ = std::move(ids);
+    return changed;
 }
 
 void KROJACKAudioDeviceBackend::notifyRateListeners() {

@@ -83,6 +83,10 @@ private:
     IOProc* findProc(std::uint64_t procID) const;
     Status connectPorts(IOProc& proc);
 
+    // The numbers of the devices on the server now, none without one; lock_ held.
+    std::vector<DeviceID> currentDeviceIDs();
+    // Whether the devices differ from the last ones seen; takes lock_.
+    bool devicesChanged();
     void runWorker();
     void deliverNotices();
     void notifyRateListeners();
@@ -110,6 +114,7 @@ private:
     std::atomic<bool> serverGone_{false};
     std::uint32_t knownRate_ = 0;
     std::uint32_t knownFrames_ = 0;
+    std::vector<DeviceID> knownDevices_;
 
     std::mutex workerLock_;
     std::condition_variable workerWake_;
