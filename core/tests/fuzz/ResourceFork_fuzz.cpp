@@ -1,4 +1,4 @@
-// libFuzzer target for the resource-fork parser of Part 3.1: random bytes
+// libFuzzer target for the resource-fork parser: random bytes
 // read as the container of a fork (AppleDouble, AppleSingle or raw), then
 // the fork walked into resources, and the bytes walked as a raw fork too.
 // Any crash, read past the input, leak or sanitizer report is a finding.

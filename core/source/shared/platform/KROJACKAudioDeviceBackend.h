@@ -1,4 +1,4 @@
-// Part 9.1 on JACK (DESIGN.md section 4): works with jackd2 and with
+// The device layer on JACK: works with jackd2 and with
 // PipeWire's JACK. A device is a JACK client that owns physical ports; its
 // capture ports are the device's inputs and its playback ports its outputs,
 // one mono buffer each. Rate and buffer size are the server's, the safety
