@@ -1,13 +1,10 @@
-// The allocation guard of DESIGN.md section 5: counts heap allocations made on
-// the current thread while a guard is alive. Every test binary links it.
-//
-// Counted: operator new and new[] in all their forms (through malloc and the
-// aligned allocation below), malloc, calloc, realloc, aligned_alloc,
-// posix_memalign, memalign. In a normal build these entry points are replaced
-// and forward to glibc's allocator; in a sanitizer build (KRO_SANITIZER_BUILD)
-// the sanitizer's allocator keeps them and reports every allocation, malloc
-// and operator new alike, to a hook installed here; ThreadSanitizer's runtime
-// does not report aligned_alloc and posix_memalign to that hook.
+// Counts the heap allocations made on the current thread while a guard is
+// alive, so that a test can show that a render call allocates nothing.
+// Counted: malloc, calloc, realloc, aligned_alloc, posix_memalign, memalign,
+// and operator new in every form, which the C++ library builds on them. In a
+// sanitizer build (KRO_SANITIZER_BUILD) the sanitizer's allocator reports
+// them to a hook instead; ThreadSanitizer's does not report aligned_alloc and
+// posix_memalign there.
 #pragma once
 
 #include <cstddef>
