@@ -660,8 +660,17 @@ void KROJACKAudioDeviceBackend::deliverNotices() {
     if (formatChanged) {
         notifyRateListeners();
     }
-    if (portsChanged_.exchange(false) && devicesChanged()) {
-        notifyDevicesListeners();
+    // JACK tells of a port that goes before the server's list leaves it out,
+    // so after a notice the list is compared again on the next few passes:
+    // otherwise a device whose last port went would never be missed.
+    if (portsChanged_.exchange(false)) {
+        pendingDeviceScans_ = 5;
+    }
+    if (pendingDeviceScans_ > 0) {
+        --pendingDeviceScans_;
+        if (devicesChanged()) {
+            notifyDevicesListeners();
+        }
     }
 }
 

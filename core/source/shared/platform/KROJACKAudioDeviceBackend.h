@@ -115,6 +115,8 @@ private:
     std::uint32_t knownRate_ = 0;
     std::uint32_t knownFrames_ = 0;
     std::vector<DeviceID> knownDevices_;
+    // Passes of the worker that still compare the device list; the worker's.
+    int pendingDeviceScans_ = 0;
 
     std::mutex workerLock_;
     std::condition_variable workerWake_;
