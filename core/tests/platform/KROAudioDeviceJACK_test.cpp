@@ -1,6 +1,5 @@
-// The device layer on JACK, each test beside a private jackd with the dummy
-// backend (2 capture and 2 playback ports, 48 kHz, 256 frames), and a sound
-// card played by a second client where a signal must be measured.
+// The device layer on JACK, beside a private jackd with the dummy backend (2
+// capture and 2 playback ports, 48 kHz, 256 frames).
 #include <gtest/gtest.h>
 #include <jack/jack.h>
 #include <sys/resource.h>
@@ -9,8 +8,6 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cmath>
-#include <cstring>
 #include <functional>
 #include <iostream>
 #include <optional>
@@ -29,8 +26,7 @@
 #include "KROTestCommand.h"
 
 #if defined(__SANITIZE_ADDRESS__)
-// libjack opens its metadata database (Berkeley DB) in each client, and libdb
-// leaks on its error path when servers come and go: not this library's memory.
+// libdb, libjack's metadata database, leaks when servers come and go.
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:libdb-5.3.so\n";
 }
@@ -44,29 +40,23 @@ using Head = KROOSXHardwareAudioProcessor;
 
 class KROAudioDeviceJACK : public KROJACKServerTest {};
 
-// A sound card made of a JACK client: it owns physical capture and playback
-// ports, as a card's driver does, so the device layer lists it as a device.
-// It records what reaches its first playback port. Once asked to send, its
-// capture ports send JACK's frame clock itself, each sample the frame time at
-// which it leaves (exact in a float for the first 349 s of a server), so that
-// each block that comes back tells how many frames it travelled.
+// A sound card: a JACK client that owns physical ports, as a driver does.
+// Once asked to, it sends each sample as the frame time at which it leaves
+// (exact in a float for 349 s), so each block that comes back tells its delay.
 class LoopDevice {
 public:
     static constexpr const char* name = "kro-test-loop";
 
-    // Registers the ports and activates; keeps the first recordFrames frames.
-    explicit LoopDevice(std::size_t recordFrames) : recorded_(recordFrames) {
+    LoopDevice() {
         jack_status_t status{};
         client_ = jack_client_open(name, JackNoStartServer, &status);
-        const auto physical = JackPortIsPhysical | JackPortIsTerminal;
+        const auto port = [&](const std::string& portName, unsigned long direction) {
+            return jack_port_register(client_, portName.c_str(), JACK_DEFAULT_AUDIO_TYPE,
+                                      direction | JackPortIsPhysical | JackPortIsTerminal, 0);
+        };
         for (int channel = 0; client_ && channel < 2; ++channel) {
-            const std::string number = std::to_string(channel + 1);
-            capture_[channel] =
-                jack_port_register(client_, ("capture_" + number).c_str(), JACK_DEFAULT_AUDIO_TYPE,
-                                   JackPortIsOutput | physical, 0);
-            playback_[channel] =
-                jack_port_register(client_, ("playback_" + number).c_str(), JACK_DEFAULT_AUDIO_TYPE,
-                                   JackPortIsInput | physical, 0);
+            capture_[channel] = port("capture_" + std::to_string(channel + 1), JackPortIsOutput);
+            playback_[channel] = port("playback_" + std::to_string(channel + 1), JackPortIsInput);
         }
         open_ = client_ && capture_[1] && playback_[1] &&
                 jack_set_process_callback(client_, process, this) == 0 &&
@@ -80,11 +70,7 @@ public:
 
     bool isOpen() const { return open_; }
     void startSending() { sending_.store(true); }
-    std::vector<float> recorded() const {
-        return {recorded_.begin(), recorded_.begin() + std::ptrdiff_t(recordedCount_.load())};
-    }
-    // For each block that came back, in order, the frames it travelled; -1
-    // when the two channels brought back different frames.
+    // The delay of each block that came back, -1 where the channels differ.
     std::vector<std::int64_t> delays() const {
         return {delays_.begin(), delays_.begin() + std::ptrdiff_t(delayCount_.load())};
     }
@@ -95,10 +81,6 @@ private:
         const jack_nframes_t now = jack_last_frame_time(self.client_);
         const auto* left = static_cast<float*>(jack_port_get_buffer(self.playback_[0], frames));
         const auto* right = static_cast<float*>(jack_port_get_buffer(self.playback_[1], frames));
-        const std::size_t recorded = self.recordedCount_.load();
-        const std::size_t count = std::min<std::size_t>(frames, self.recorded_.size() - recorded);
-        std::memcpy(self.recorded_.data() + recorded, left, count * sizeof(float));
-        self.recordedCount_.store(recorded + count);
         const std::size_t delays = self.delayCount_.load();
         if (left[0] != 0.0f && delays < self.delays_.size()) {
             self.delays_[delays] = left[0] == right[0] ? now - std::int64_t(left[0]) : -1;
@@ -118,18 +100,14 @@ private:
     std::array<jack_port_t*, 2> capture_{};
     std::array<jack_port_t*, 2> playback_{};
     std::atomic<bool> sending_{false};
-    std::vector<float> recorded_;
-    std::atomic<std::size_t> recordedCount_{0};
     std::array<std::int64_t, 1024> delays_{};
     std::atomic<std::size_t> delayCount_{0};
 };
 
-// The JACK layer with a watch on the callback it runs (the last registered),
-// on JACK's process thread. The first call arms the allocation guard for that
-// thread and leaves it armed, so that every later allocation there counts: in
-// the head, the graph, the JACK layer and libjack's own cycle. Around each
-// call it counts the voluntary context switches that a lock, a sleep or file
-// access would cause.
+// The JACK layer watching the last callback registered, on JACK's thread: the
+// first call arms the allocation guard there for good, so every allocation
+// of the cycle counts, libjack's included; each call counts the voluntary
+// context switches that a lock, a sleep or file access would cause.
 class WatchedBackend : public KROJACKAudioDeviceBackend {
 public:
     Status createIOProc(DeviceID id, std::uint32_t scope, std::uint32_t channels,
@@ -187,60 +165,26 @@ struct NotificationCount {
     KRONotificationCenter::Token token;
 };
 
-// The median period between rising zero crossings, each placed between its
-// two samples; the median keeps a block that the server dropped from moving
-// the result.
-double frequencyByZeroCrossings(const std::vector<float>& samples, double rate) {
-    std::vector<double> crossings;
-    std::vector<double> periods;
-    for (std::size_t i = 1; i < samples.size(); ++i) {
-        if (samples[i - 1] < 0.0f && samples[i] >= 0.0f) {
-            crossings.push_back(double(i - 1) - samples[i - 1] / (samples[i] - samples[i - 1]));
-        }
-        if (crossings.size() > periods.size() + 1) {
-            periods.push_back(crossings.back() - crossings[crossings.size() - 2]);
-        }
-    }
-    const auto middle = periods.begin() + std::ptrdiff_t(periods.size() / 2);
-    std::nth_element(periods.begin(), middle, periods.end());
-    return periods.empty() ? 0.0 : rate / *middle;
-}
-
 std::shared_ptr<KROAudioDevice> loopDevice() {
     return KROAudioDevice::deviceWithName(LoopDevice::name);
 }
 
 } // namespace
 
-TEST_F(KROAudioDeviceJACK, TheServersPhysicalClientIsTheOnlyDeviceAndAnswersForBothDirections) {
-    const auto devices = KROAudioDevice::devices();
-    ASSERT_EQ(devices.size(), 1u);
-    const KROAudioDevice& device = *devices.front();
+TEST_F(KROAudioDeviceJACK, TheServersPhysicalClientIsTheDeviceOfEveryDirection) {
+    const auto device = KROAudioDevice::deviceWithUID("jack:system");
+    ASSERT_NE(device, nullptr);
     for (const auto& same :
          {KROAudioDevice::defaultOutputDevice(), KROAudioDevice::defaultInputDevice(),
-          KROAudioDevice::systemOutputDevice(), KROAudioDevice::deviceWithUID("jack:system"),
-          KROAudioDevice::deviceWithName("system"), KROAudioDevice::inputDevices().at(0)}) {
-        EXPECT_TRUE(same && same->isEqual(device));
+          KROAudioDevice::systemOutputDevice()}) {
+        EXPECT_TRUE(same && same->isEqual(*device));
     }
-    EXPECT_EQ(KROAudioDevice::deviceWithName("no such device"), nullptr);
-    EXPECT_FALSE(KROAudioDevice::deviceWithID(999)->isValid());
-    for (const std::uint32_t scope : {Backend::scopeInput, Backend::scopeOutput}) {
-        EXPECT_EQ(device.channelTitlesForScope(scope)->size(), 2u);
-        EXPECT_EQ(device.bufferFramesForScope(scope), 256u);
-        EXPECT_EQ(device.safetyOffsetForScope(scope), 0u);
-        EXPECT_EQ(device.bufferFrameSizeRangeForScope(scope).location, 16u);
-        EXPECT_EQ(device.bufferFrameSizeRangeForScope(scope).length, 8192u - 16u);
-    }
-    // The server's rate is not a client's to change; JACK has no
-    // configuration application, no data sources and no exclusive use.
+    // The server's one rate, which is not a client's to change.
+    EXPECT_EQ(device->availableSampleRates(), std::vector<double>{48000.0});
+    EXPECT_TRUE(device->setSampleRate(48000));
     KROErrorPtr error;
-    EXPECT_EQ(device.availableSampleRates(), std::vector<double>{48000.0});
-    EXPECT_TRUE(KROAudioDevice::deviceWithID(device.deviceID())->setSampleRate(48000));
-    EXPECT_FALSE(KROAudioDevice::deviceWithID(device.deviceID())->setSampleRate(44100, &error));
+    EXPECT_FALSE(device->setSampleRate(44100, &error));
     EXPECT_EQ(error ? error->code() : 0, Backend::unsupportedOperation);
-    EXPECT_FALSE(device.configurationApplicationIdentifier().has_value());
-    EXPECT_TRUE(device.inputSources().empty());
-    EXPECT_EQ(device.exclusivity(), 0);
 }
 
 // The host never sets the notice up: the first device operation does. Only a
@@ -250,7 +194,7 @@ TEST_F(KROAudioDeviceJACK, DevicesChangedIsPostedWhenADeviceComesOrGoesAndOnlyTh
     ASSERT_EQ(KROAudioDevice::devices().size(), 1u);
     NotificationCount changes("KROAudioDeviceDevicesChanged");
     {
-        LoopDevice card(0);
+        LoopDevice card;
         ASSERT_TRUE(card.isOpen());
         EXPECT_TRUE(eventually([&] { return changes.count == 1; }, 10s)) << "a device came";
         const auto devices = KROAudioDevice::devices();
@@ -258,14 +202,14 @@ TEST_F(KROAudioDeviceJACK, DevicesChangedIsPostedWhenADeviceComesOrGoesAndOnlyTh
         EXPECT_EQ(devices[1]->title(), LoopDevice::name);
         EXPECT_TRUE(devices[1]->hasPhysicalInputs() && devices[1]->hasPhysicalOutputs());
     }
-    EXPECT_TRUE(eventually([&] { return changes.count == 2; }, 10s)) << "a device went";
+    EXPECT_TRUE(eventually([&] { return changes.count == 2; }, 10s))
+        << "a device went " << changes.count;
     const auto stream = exampleStream();
     ASSERT_TRUE(stream && stream->initialize() && stream->start());
     std::this_thread::sleep_for(300ms);
     EXPECT_TRUE(stream->stop() && stream->uninitialize());
     EXPECT_FALSE(eventually([&] { return changes.count > 2; }, 300ms)) << "own ports";
-    // A server that goes away while playing is noticed, and the stream
-    // still stops without a hang.
+    // A server that goes away while playing; the stream still stops.
     ASSERT_TRUE(stream->initialize() && stream->start());
     const auto device = processorOf<Head>(*stream, "output")->device();
     server_.stop();
@@ -274,31 +218,10 @@ TEST_F(KROAudioDeviceJACK, DevicesChangedIsPostedWhenADeviceComesOrGoesAndOnlyTh
     EXPECT_TRUE(stream->stop() && stream->uninitialize());
 }
 
-// The example's 1 kHz sine at full scale reaches the device it is given; a
-// new buffer size rebuilds the running graph at that size.
-TEST_F(KROAudioDeviceJACK, TheHeadPlaysOnTheDeviceItIsGivenAndFollowsItsBufferSize) {
-    LoopDevice card(48000 * 3);
+TEST_F(KROAudioDeviceJACK, ANewBufferSizeRebuildsTheRunningGraphAtThatSize) {
     const auto stream = exampleStream();
-    ASSERT_TRUE(card.isOpen() && stream);
+    ASSERT_TRUE(stream && stream->initialize() && stream->start());
     const auto head = processorOf<Head>(*stream, "output");
-    ASSERT_TRUE(head->setDevice(loopDevice()));
-    ASSERT_TRUE(stream->initialize() && stream->start());
-    std::this_thread::sleep_for(2s);
-    const KROAudioDeviceIOStatistics statistics = head->statistics();
-    const std::vector<float> samples = card.recorded();
-    ASSERT_GT(samples.size(), 48000u * 3 / 2);
-    EXPECT_NEAR(frequencyByZeroCrossings(samples, 48000.0), 1000.0, 0.5);
-    double sum = 0.0;
-    for (std::size_t i = samples.size() / 2; i < samples.size(); ++i) {
-        sum += double(samples[i]) * samples[i];
-    }
-    EXPECT_NEAR(std::sqrt(sum / double(samples.size() - samples.size() / 2)), M_SQRT1_2, 0.01);
-    EXPECT_GT(processorOf<KROLevelMeterAudioProcessor>(*stream, "meter")->level(), 0.5f);
-    // 375 blocks in 2 s; a busy machine makes the server skip cycles, but a
-    // head called for fewer than half of them is this code's fault.
-    EXPECT_GT(statistics.callbacks, 375u / 2);
-    EXPECT_LT(statistics.averageLoad, 0.5);
-
     NotificationCount rebuilt("KROAudioDeviceSampleRateChanged");
     ASSERT_TRUE(head->device()->setOutputBufferFrames(128));
     ASSERT_TRUE(eventually([&] { return rebuilt.count == 1; }, 10s));
@@ -310,10 +233,10 @@ TEST_F(KROAudioDeviceJACK, TheHeadPlaysOnTheDeviceItIsGivenAndFollowsItsBufferSi
     EXPECT_TRUE(stream->stop());
 }
 
-// The card's frame clock leaves it, passes the input head, the playthrough
-// and the render head, and comes back to the card.
+// The card's frame clock passes the input head, the playthrough and the
+// render head, bit for bit, and comes back to the card.
 TEST_F(KROAudioDeviceJACK, APlaythroughDelaysWhatTheDeviceCapturesByItsLatency) {
-    LoopDevice card(0);
+    LoopDevice card;
     const auto stream = playthroughStream();
     ASSERT_TRUE(card.isOpen() && stream);
     for (const char* head : {"capture", "playback"}) {
@@ -321,24 +244,21 @@ TEST_F(KROAudioDeviceJACK, APlaythroughDelaysWhatTheDeviceCapturesByItsLatency) 
     }
     ASSERT_TRUE(stream->initialize());
     const auto through = processorOf<KROAudioPlaythrough>(*stream, "through");
-    // Input safety offset 0 + 256 frames, output safety offset 0 + 256 frames.
+    // The input device's 256 frames and the output device's, safety offsets 0.
     EXPECT_EQ(through->latency(), 512u);
     through->setEnabled(true);
     ASSERT_TRUE(stream->start());
-    // The heads join their ports one by one after they start; the clock is
-    // sent once all are joined.
+    // The heads join their ports one by one after they start.
     std::this_thread::sleep_for(300ms);
     card.startSending();
     std::this_thread::sleep_for(2s);
     EXPECT_TRUE(stream->stop());
 
-    // The render side sees the first stored block a block later at the
-    // earliest, and that distance adds to the latency. Nothing corrects the
-    // distance between the clocks, and the ring holds four blocks: where the
-    // two heads first ran further apart than the ring (a slow, instrumented
-    // build), the read lands on the same slot a ring later; a block that the
-    // server dropped leaves the ring's older contents in place, which come
-    // out a ring late. Either way the delay moves only by whole rings.
+    // The distance between the first render and the first store adds to the
+    // latency. Nothing corrects the distance between the clocks, and the ring
+    // holds four blocks: where the heads first ran further apart than the
+    // ring (a slow, instrumented build), or where the server dropped a block
+    // and left older contents in the ring, the delay grows by whole rings.
     const std::int64_t expected = std::int64_t(through->latency()) + through->firstRenderFrame() -
                                   through->firstStoredFrame();
     const std::int64_t ring = 4 * 256;
@@ -353,12 +273,11 @@ TEST_F(KROAudioDeviceJACK, APlaythroughDelaysWhatTheDeviceCapturesByItsLatency) 
         << "expected " << withinRing << " frames";
 }
 
-// The head's process thread watched for 30 s at 256 frames. What would make
-// this code drop a block is tested always: an allocation, a wait (a voluntary
-// context switch), or work that takes a fair part of the period. No xrun and
-// no block over a quarter of the period are asked for whenever the machine
-// itself kept real-time deadlines all along; where it did not (a loaded
-// virtual machine, no SCHED_FIFO), the xruns are the machine's.
+// 30 s at 256 frames. What would make this code drop a block is tested
+// always: an allocation, a wait, or work that takes a fair part of the period.
+// No xrun and no block over a quarter period are asked for when the machine
+// itself kept real-time deadlines; else (a loaded virtual machine, no
+// SCHED_FIFO) the xruns are the machine's.
 TEST_F(KROAudioDeviceJACK, ThirtySecondsAt256FramesDropNoBlock) {
     const bool realtime = KRORunCommand("chrt -f 1 true").status == 0;
     server_.stop();
@@ -368,14 +287,12 @@ TEST_F(KROAudioDeviceJACK, ThirtySecondsAt256FramesDropNoBlock) {
     const auto stream = exampleStream();
     ASSERT_TRUE(stream && stream->initialize() && stream->start());
     const auto head = processorOf<Head>(*stream, "output");
-    // Joining the graph makes the server's first cycles late; counting starts
-    // once the stream runs.
+    // Joining the graph makes the server's first cycles late.
     std::this_thread::sleep_for(500ms);
     const std::uint64_t xrunsBefore = head->statistics().xruns;
-    // cyclictest beside it: a thread pinned to each processor under SCHED_FIFO
-    // at the lowest priority, below JACK's, wakes every millisecond; a wake-up
-    // later than a quarter period (1333 us) is the machine's stall. Printed:
-    // the number of such wake-ups, and the latest in microseconds.
+    // cyclictest: a thread on each processor, SCHED_FIFO below JACK's, wakes
+    // every millisecond; a wake-up over a quarter period (1333 us) late is the
+    // machine's stall. Prints the count of those and the latest, in us.
     std::istringstream probe(
         KRORunCommand(
             "cyclictest -q -m -S -p 1 -i 1000 -D 30 -h 1333 --histfile=/dev/stdout | "

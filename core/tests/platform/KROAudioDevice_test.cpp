@@ -1,12 +1,13 @@
-// Devices, their sources, the device head and the playthrough on a device
-// layer of fixed answers: what a sound card can report that a JACK server
-// never does. The heads are driven by calling their callbacks directly.
+// Devices, sources, the device head and the playthrough on a device layer of
+// fixed answers, for what a card can report and JACK never does. The heads
+// are driven by calling their callbacks.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <functional>
 #include <map>
+#include <string>
 #include <tuple>
 
 #include "KROAllocationGuard.h"
@@ -25,26 +26,21 @@ using Backend = KROAudioDeviceBackend;
 using Head = KROOSXHardwareAudioProcessor;
 constexpr std::uint64_t notFound = KROAudioDevice::notFound;
 
-// A device layer of fixed answers: one device, number 7, at 44.1 kHz and 64
-// frames, whose every query can be made to fail.
+// One device, number 7, at 44.1 kHz and 64 frames; every query can fail.
 class TestBackend : public KROAudioDeviceBackend {
 public:
     static constexpr DeviceID deviceID = 7;
 
-    // What every query of a device answers; noError lets them succeed.
     Status failure = noError;
-    // What registering a callback answers.
     Status callbackFailure = noError;
     std::vector<std::pair<double, double>> rateRanges{{44100, 44100}};
     std::vector<std::uint32_t> inputLayout{2};
     std::vector<std::uint32_t> outputLayout{2};
-    // Channel names by element, from 1; a channel not here has none.
+    // By element, from 1; a channel not here has no name.
     std::map<std::uint32_t, std::string> channelNames;
-    // The process that holds the device, -1 for none; each write toggles it.
+    // The holder, -1 for none; each write toggles it.
     std::int64_t hogPID = -1;
     int hogWrites = 0;
-    // The input sources with their names, and those in use.
-    std::map<std::uint64_t, std::string> sources;
     std::vector<std::uint64_t> selected;
 
     Status deviceIDs(std::vector<DeviceID>& ids) override {
@@ -70,28 +66,22 @@ public:
         return answer(frames, 64u);
     }
     Status setBufferFrames(DeviceID, std::uint32_t, std::uint32_t) override { return failure; }
-    Status bufferFrameRange(DeviceID, std::uint32_t, std::uint32_t& minimum,
-                            std::uint32_t& maximum) override {
-        minimum = 16;
-        return answer(maximum, 4096u);
+    Status bufferFrameRange(DeviceID, std::uint32_t, std::uint32_t&, std::uint32_t&) override {
+        return failure;
     }
-    Status safetyOffset(DeviceID, std::uint32_t, std::uint32_t& frames) override {
-        return answer(frames, 0u);
-    }
+    Status safetyOffset(DeviceID, std::uint32_t, std::uint32_t&) override { return failure; }
     Status hogMode(DeviceID, std::int64_t& pid) override { return answer(pid, hogPID); }
     Status toggleHogMode(DeviceID) override {
         ++hogWrites;
         return answer(hogPID, hogPID == -1 ? std::int64_t(getpid()) : -1);
     }
+    // Two sources in the input scope, none in the output scope.
     Status sourceIDs(DeviceID, std::uint32_t scope, std::vector<std::uint64_t>& ids) override {
-        ids.clear();
-        for (const auto& [id, title] : sources) {
-            ids.insert(ids.end(), scope == scopeInput ? 1 : 0, id);
-        }
-        return failure;
+        using IDs = std::vector<std::uint64_t>;
+        return answer(ids, scope == scopeInput ? IDs{1, 2} : IDs{});
     }
     Status sourceName(DeviceID, std::uint32_t, std::uint64_t id, std::string& text) override {
-        return answer(text, sources[id]);
+        return answer(text, "Source " + std::to_string(id));
     }
     Status selectedSources(DeviceID, std::uint32_t, std::vector<std::uint64_t>& ids) override {
         return answer(ids, selected);
@@ -113,14 +103,13 @@ public:
     void removeListener(ListenerToken) override {}
 
 private:
-    // Stores the answer of a query and gives its status.
     template <typename Value, typename Given> Status answer(Value& value, const Given& given) {
         value = given;
         return failure;
     }
 };
 
-// A fresh layer of fixed answers, put in place as the shared device layer.
+// A fresh layer of fixed answers as the shared device layer.
 std::shared_ptr<TestBackend> installTestBackend() {
     auto backend = std::make_shared<TestBackend>();
     Backend::setSharedBackend(backend);
@@ -151,7 +140,6 @@ TEST(KROAudioDevice, AFailedQueryPassesTheLayersStatusOnWithItsAction) {
     KROAudioDevice& d = *device;
     const auto source = KROAudioDeviceSource::sourceWithDevice(7, Backend::scopeInput, 1, "Line");
     KROErrorPtr e;
-    // Checks the error of the query just made, and clears it.
     const auto failed = [&](bool failureAnswered, const std::string& action) {
         SCOPED_TRACE(action);
         EXPECT_TRUE(failureAnswered);
@@ -239,24 +227,15 @@ TEST(KROAudioDevice, ExclusivityIsTakenAndGivenUpOnlyWhenItMustChange) {
 
 TEST(KROAudioDeviceSource, SourcesAreTitledAndEnablingOneRewritesTheSelection) {
     const auto layer = installTestBackend();
-    layer->sources = {{0x6c696e65, "Line In"}, {0x6d696320, "Microphone"}};
-    layer->selected = {0x6d696320};
-    const auto sources = testDevice()->inputSources();
-    ASSERT_EQ(sources.size(), 2u);
-    EXPECT_EQ(sources[0]->description(), "KROAudioDeviceSource: Line In [1818848869]");
-    EXPECT_FALSE(sources[0]->enabled());
-    EXPECT_TRUE(sources[1]->enabled());
-    EXPECT_TRUE(sources[0]->setEnabled(true));
-    EXPECT_EQ(layer->selected, (std::vector<std::uint64_t>{0x6d696320, 0x6c696e65}));
-    EXPECT_TRUE(sources[1]->setEnabled(false));
-    EXPECT_EQ(layer->selected, std::vector<std::uint64_t>{0x6c696e65});
+    layer->selected = {2, 3};
+    const auto source = testDevice()->inputSources().at(0);
+    EXPECT_EQ(source->description(), "KROAudioDeviceSource: Source 1 [1]");
+    EXPECT_FALSE(source->enabled());
+    EXPECT_TRUE(source->setEnabled(true) && source->enabled());
+    EXPECT_EQ(layer->selected, (std::vector<std::uint64_t>{2, 3, 1}));
+    EXPECT_TRUE(source->setEnabled(false));
+    EXPECT_EQ(layer->selected, (std::vector<std::uint64_t>{2, 3}));
     EXPECT_TRUE(testDevice()->outputSources().empty());
-    // Equal by device, scope and number; the title does not count.
-    const auto same =
-        KROAudioDeviceSource::sourceWithDevice(7, Backend::scopeInput, 0x6c696e65, "");
-    EXPECT_TRUE(sources[0]->isEqual(*same));
-    same->setScope(Backend::scopeOutput);
-    EXPECT_FALSE(sources[0]->isEqual(*same));
 }
 
 // Each refusal of the head, and of a playthrough between heads, names its
@@ -327,7 +306,6 @@ TEST(KROOSXHardwareAudioProcessor, SetDeviceStoresAChangedDeviceAndPostsDidChang
                                           [&](const KRONotification&) { ++posted; });
     for (const std::uint32_t id : {7, 7, 8}) {
         EXPECT_TRUE(head->setDevice(KROAudioDevice::deviceWithID(id)));
-        EXPECT_EQ(head->device()->deviceID(), id);
     }
     center.removeObserver(token);
     EXPECT_EQ(posted, 2);
@@ -344,7 +322,6 @@ TEST(KROAudioPlaythrough, CarriesInputToOutputLatencyFramesAfterBothClocksAreSee
     const auto capture = processorOf<Head>(*stream, "capture");
     const auto playback = processorOf<Head>(*stream, "playback");
     const auto through = processorOf<KROAudioPlaythrough>(*stream, "through");
-    EXPECT_EQ(capture->bufferFrames(), 64u);
     EXPECT_EQ(through->outputConnection()->sampleRate(), 44100.0);
     EXPECT_EQ(through->latency(), 128u);
     // Left t + i + 1 and right -(t + i + 1) at sample time t.

@@ -1,10 +1,9 @@
 // Counts the heap allocations made on the current thread while a guard is
-// alive, so that a test can show that a render call allocates nothing.
-// Counted: malloc, calloc, realloc, aligned_alloc, posix_memalign, memalign,
-// and operator new in every form, which the C++ library builds on them. In a
-// sanitizer build (KRO_SANITIZER_BUILD) the sanitizer's allocator reports
-// them to a hook instead; ThreadSanitizer's does not report aligned_alloc and
-// posix_memalign there.
+// alive, so that a test can show that a render call allocates nothing:
+// malloc, calloc, realloc, aligned_alloc, posix_memalign, memalign, and so
+// operator new in every form. In a sanitizer build the sanitizer reports them
+// to a hook instead; ThreadSanitizer's leaves out aligned_alloc and
+// posix_memalign.
 #pragma once
 
 #include <cstddef>
@@ -27,14 +26,13 @@ private:
     bool wasArmed_;
 };
 
+// The allocations the work makes on this thread.
+template <typename Work> std::size_t KROAllocationsIn(Work work) {
+    const KROAllocationGuard guard;
+    work();
+    return guard.count();
+}
+
 // Runs the statement under a guard and expects that it allocated nothing.
 #define KRO_EXPECT_NO_ALLOCATION(statement)                                                        \
-    do {                                                                                           \
-        std::size_t kroAllocations_ = 0;                                                           \
-        {                                                                                          \
-            const KROAllocationGuard kroGuard_;                                                    \
-            statement;                                                                             \
-            kroAllocations_ = kroGuard_.count();                                                   \
-        }                                                                                          \
-        EXPECT_EQ(kroAllocations_, 0u) << "allocations in: " #statement;                           \
-    } while (false)
+    EXPECT_EQ(KROAllocationsIn([&] { statement; }), 0u) << "allocations in: " #statement

@@ -1,5 +1,5 @@
-// A test fixture that runs each test beside a private JACK server, with an
-// alarm that ends the program rather than let a test that waits on JACK hang.
+// Each test beside a private JACK server, with an alarm that ends the program
+// rather than let a test that waits on JACK hang.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,8 +1,6 @@
-// A private JACK server for the device tests, the kro tests and the device
-// benchmark: jackd with the dummy backend at 48 kHz under a name of its own,
-// so that a test never touches a user's server. The server dies with the
-// program that started it, and the shared device backend is replaced by a
-// fresh JACK backend bound to it.
+// A private JACK server for tests and benchmarks: jackd with the dummy backend
+// at 48 kHz under a name of its own, never a user's server. It dies with the
+// program that started it, and gets a fresh shared JACK device backend.
 #pragma once
 
 #include <fcntl.h>
@@ -26,14 +24,14 @@ public:
     KROJACKTestServer& operator=(const KROJACKTestServer&) = delete;
     ~KROJACKTestServer() { stop(); }
 
-    // A server name that no server has: this process's number and a count.
+    // A name that no server has: this process's number and a count.
     static std::string uniqueName() {
         static int counter = 0;
         return "kro-test-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
     }
 
-    // Starts jackd, its threads and its clients' under SCHED_FIFO when
-    // realtime is true (jackd -R), and waits at most 10 s for it to answer.
+    // Starts jackd, under SCHED_FIFO with its clients when realtime (jackd
+    // -R), and waits at most 10 s for it to answer.
     bool start(unsigned frames = 256, bool realtime = false) {
         // libjack would report each failed probe on standard error.
         jack_set_error_function([](const char*) {});

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <thread>
 
 #include "KROJACKServerTest.h"
@@ -55,11 +54,8 @@ TEST_F(KROCommandLine, PlayRunsTheDescriptionAtTheBufferSizeAskedForAndPutsTheSi
 // Each way play and devices fail: the exit status and all that goes to
 // standard error. A kro that hangs is killed and fails on its status.
 TEST_F(KROCommandLine, EveryFailureEndsWithItsStatusAndExactMessage) {
-    const std::string noHead = KRO_TEST_BINARY_DIR "/kro-no-head.plist";
-    std::ofstream(noHead) << "<plist version=\"1.0\"><dict><key>processors</key><array><dict>"
-                             "<key>class</key><string>KROSineWaveAudioGenerator</string>"
-                             "<key>identifier</key><string>sine</string></dict></array></dict>"
-                             "</plist>";
+    // A description whose render head is a plain head.
+    const std::string noHead = KRO_SOURCE_DIR "/examples/dock-chain.plist";
     const std::string noServer = "JACK_DEFAULT_SERVER=" + KROJACKTestServer::uniqueName();
     const std::string start = "Start a JACK server (jackd) or PipeWire's JACK, then try again.\n";
     // Environment, arguments, status, message.
@@ -85,7 +81,6 @@ TEST_F(KROCommandLine, EveryFailureEndsWithItsStatusAndExactMessage) {
         EXPECT_EQ(result.status, status);
         EXPECT_EQ(result.output, message);
     }
-    std::remove(noHead.c_str());
     // The server goes away while kro plays.
     std::thread endServer([this] {
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
