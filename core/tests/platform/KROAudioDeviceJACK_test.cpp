@@ -165,13 +165,23 @@ struct NotificationCount {
     KRONotificationCenter::Token token;
 };
 
+// Whether this process may run threads under SCHED_FIFO.
+bool realtimePermitted() {
+    return KRORunCommand("chrt -f 1 true").status == 0;
+}
+
 std::shared_ptr<KROAudioDevice> loopDevice() {
     return KROAudioDevice::deviceWithName(LoopDevice::name);
 }
 
 } // namespace
 
-TEST_F(KROAudioDeviceJACK, TheServersPhysicalClientIsTheDeviceOfEveryDirection) {
+// The server's physical client is the one device in every direction. The
+// host never sets the device-list notice up: the first device operation does.
+// Only a device that comes or goes is a change; this process's own ports,
+// which come and go with every start and stop, are not.
+TEST_F(KROAudioDeviceJACK, TheDevicesAreTheServersAndAChangeOfThemIsPosted) {
+    ASSERT_EQ(KROAudioDevice::devices().size(), 1u);
     const auto device = KROAudioDevice::deviceWithUID("jack:system");
     ASSERT_NE(device, nullptr);
     for (const auto& same :
@@ -185,13 +195,6 @@ TEST_F(KROAudioDeviceJACK, TheServersPhysicalClientIsTheDeviceOfEveryDirection) 
     KROErrorPtr error;
     EXPECT_FALSE(device->setSampleRate(44100, &error));
     EXPECT_EQ(error ? error->code() : 0, Backend::unsupportedOperation);
-}
-
-// The host never sets the notice up: the first device operation does. Only a
-// device that comes or goes is a change; this process's own ports, which come
-// and go with every start and stop, are not.
-TEST_F(KROAudioDeviceJACK, DevicesChangedIsPostedWhenADeviceComesOrGoesAndOnlyThen) {
-    ASSERT_EQ(KROAudioDevice::devices().size(), 1u);
     NotificationCount changes("KROAudioDeviceDevicesChanged");
     {
         LoopDevice card;
@@ -211,7 +214,6 @@ TEST_F(KROAudioDeviceJACK, DevicesChangedIsPostedWhenADeviceComesOrGoesAndOnlyTh
     EXPECT_FALSE(eventually([&] { return changes.count > 2; }, 300ms)) << "own ports";
     // A server that goes away while playing; the stream still stops.
     ASSERT_TRUE(stream->initialize() && stream->start());
-    const auto device = processorOf<Head>(*stream, "output")->device();
     server_.stop();
     EXPECT_TRUE(eventually([&] { return !device->isValid(); }, 10s));
     EXPECT_TRUE(eventually([&] { return changes.count == 3; }, 10s)) << "the server went";
@@ -236,6 +238,8 @@ TEST_F(KROAudioDeviceJACK, ANewBufferSizeRebuildsTheRunningGraphAtThatSize) {
 // The card's frame clock passes the input head, the playthrough and the
 // render head, bit for bit, and comes back to the card.
 TEST_F(KROAudioDeviceJACK, APlaythroughDelaysWhatTheDeviceCapturesByItsLatency) {
+    server_.stop();
+    ASSERT_TRUE(server_.start(256, realtimePermitted()));
     LoopDevice card;
     const auto stream = playthroughStream();
     ASSERT_TRUE(card.isOpen() && stream);
@@ -252,25 +256,31 @@ TEST_F(KROAudioDeviceJACK, APlaythroughDelaysWhatTheDeviceCapturesByItsLatency) 
     std::this_thread::sleep_for(300ms);
     card.startSending();
     std::this_thread::sleep_for(2s);
+    std::uint64_t xruns = 0;
+    for (const char* head : {"capture", "playback"}) {
+        xruns += processorOf<Head>(*stream, head)->statistics().xruns;
+    }
     EXPECT_TRUE(stream->stop());
 
     // The distance between the first render and the first store adds to the
     // latency. Nothing corrects the distance between the clocks, and the ring
     // holds four blocks: where the heads first ran further apart than the
-    // ring (a slow, instrumented build), or where the server dropped a block
-    // and left older contents in the ring, the delay grows by whole rings.
+    // ring (a slow, instrumented build), the delay grows by whole rings. A
+    // server that skips cycles hands blocks over early or late, so the delays
+    // are judged against the latency only when it skipped none.
     const std::int64_t expected = std::int64_t(through->latency()) + through->firstRenderFrame() -
                                   through->firstStoredFrame();
-    const std::int64_t ring = 4 * 256;
-    const std::int64_t withinRing = (expected - 1) % ring + 1;
+    const std::int64_t withinRing = (expected - 1) % 1024 + 1;
     const std::vector<std::int64_t> delays = card.delays();
     ASSERT_GE(delays.size(), 100u);
+    const auto onTime = std::count(delays.begin(), delays.end(), withinRing);
     for (const std::int64_t delay : delays) {
-        EXPECT_EQ((delay - expected) % ring, 0) << "delay " << delay << ", not " << expected;
+        EXPECT_EQ((delay - expected) % (xruns == 0 ? 1024 : 256), 0) << "delay " << delay;
     }
-    EXPECT_GE(std::count(delays.begin(), delays.end(), withinRing),
-              std::ptrdiff_t(delays.size() * 3 / 4))
-        << "expected " << withinRing << " frames";
+    EXPECT_TRUE(xruns > 0 || onTime >= std::ptrdiff_t(delays.size() * 3 / 4))
+        << onTime << " of " << delays.size() << " blocks came back " << withinRing << " late";
+    std::cout << onTime << " of " << delays.size() << " blocks came back " << withinRing
+              << " frames late, " << xruns << " xruns\n";
 }
 
 // 30 s at 256 frames. What would make this code drop a block is tested
@@ -279,7 +289,7 @@ TEST_F(KROAudioDeviceJACK, APlaythroughDelaysWhatTheDeviceCapturesByItsLatency) 
 // itself kept real-time deadlines; else (a loaded virtual machine, no
 // SCHED_FIFO) the xruns are the machine's.
 TEST_F(KROAudioDeviceJACK, ThirtySecondsAt256FramesDropNoBlock) {
-    const bool realtime = KRORunCommand("chrt -f 1 true").status == 0;
+    const bool realtime = realtimePermitted();
     server_.stop();
     ASSERT_TRUE(server_.start(256, realtime));
     const auto watched = std::make_shared<WatchedBackend>();

@@ -1,6 +1,4 @@
-// The streams the device tests play: the example (sine -> meter -> output, a
-// device head) and a playthrough between two device heads (capture, an input
-// head -> through -> playback, a render head).
+// The streams the device tests play.
 #pragma once
 
 #include <filesystem>
@@ -9,13 +7,16 @@
 #include "KROAudioStream.h"
 #include "KROPropertyList.h"
 
-inline std::shared_ptr<KROAudioStream> exampleStream(KROErrorPtr* error = nullptr) {
+inline const std::filesystem::path examples = std::filesystem::path(KRO_SOURCE_DIR) / "examples";
+
+// sine -> meter -> output, a device head.
+inline std::shared_ptr<KROAudioStream> exampleStream() {
     auto stream = std::make_shared<KROAudioStream>();
-    const auto path =
-        std::filesystem::path(KRO_SOURCE_DIR) / "examples" / "sine-to-level-meter.plist";
-    return stream->initWithDescriptionFile(path, error) ? stream : nullptr;
+    return stream->initWithDescriptionFile(examples / "sine-to-level-meter.plist") ? stream
+                                                                                   : nullptr;
 }
 
+// capture (an input head) -> through (a playthrough) -> playback (a render head).
 inline std::shared_ptr<KROAudioStream> playthroughStream() {
     constexpr std::string_view description = R"(<plist version="1.0"><dict>
 <key>processors</key><array>

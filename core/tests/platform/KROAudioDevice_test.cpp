@@ -69,7 +69,9 @@ public:
     Status bufferFrameRange(DeviceID, std::uint32_t, std::uint32_t&, std::uint32_t&) override {
         return failure;
     }
-    Status safetyOffset(DeviceID, std::uint32_t, std::uint32_t&) override { return failure; }
+    Status safetyOffset(DeviceID, std::uint32_t scope, std::uint32_t& frames) override {
+        return answer(frames, scope == scopeInput ? 3u : 5u);
+    }
     Status hogMode(DeviceID, std::int64_t& pid) override { return answer(pid, hogPID); }
     Status toggleHogMode(DeviceID) override {
         ++hogWrites;
@@ -312,9 +314,9 @@ TEST(KROOSXHardwareAudioProcessor, SetDeviceStoresAChangedDeviceAndPostsDidChang
 }
 
 // The input head reads the device's interleaved memory at its stride, the
-// playthrough hands it on latency frames later (64 input and 64 output
-// frames), counted from when both clocks were first seen, and the render
-// head adds it into the device's memory at its stride.
+// playthrough hands it on latency frames later (the safety offsets 3 and 5
+// and the 64 frames of both sides), counted from when both clocks were first
+// seen, and the render head adds it into the device's memory at its stride.
 TEST(KROAudioPlaythrough, CarriesInputToOutputLatencyFramesAfterBothClocksAreSeen) {
     installTestBackend();
     const auto stream = playthroughStream();
@@ -323,7 +325,7 @@ TEST(KROAudioPlaythrough, CarriesInputToOutputLatencyFramesAfterBothClocksAreSee
     const auto playback = processorOf<Head>(*stream, "playback");
     const auto through = processorOf<KROAudioPlaythrough>(*stream, "through");
     EXPECT_EQ(through->outputConnection()->sampleRate(), 44100.0);
-    EXPECT_EQ(through->latency(), 128u);
+    EXPECT_EQ(through->latency(), 136u);
     // Left t + i + 1 and right -(t + i + 1) at sample time t.
     const auto input = [&](std::int64_t time) {
         std::vector<float> memory(128);
@@ -346,16 +348,16 @@ TEST(KROAudioPlaythrough, CarriesInputToOutputLatencyFramesAfterBothClocksAreSee
     EXPECT_EQ(render(4936), 0.5f);
     through->setEnabled(true);
     EXPECT_EQ(render(4936), 0.5f);
-    input(0);
-    input(64);
     // The first two renders read before the first stored frame.
+    input(0);
     EXPECT_EQ(render(5000), 0.5f);
     EXPECT_EQ(render(5064), 0.5f);
+    input(64);
     render(5128);
     EXPECT_EQ(through->firstStoredFrame(), 0);
     EXPECT_EQ(through->firstRenderFrame(), 5000);
-    EXPECT_EQ(std::vector<float>(output.begin(), output.begin() + 2),
-              (std::vector<float>{1.5f, -0.5f}));
+    EXPECT_EQ(std::vector<float>(output.begin() + 14, output.begin() + 18),
+              (std::vector<float>{0.5f, 0.5f, 1.5f, -0.5f}));
     EXPECT_EQ(std::vector<float>(output.end() - 2, output.end()),
-              (std::vector<float>{64.5f, -63.5f}));
+              (std::vector<float>{56.5f, -55.5f}));
 }

@@ -6,30 +6,25 @@ namespace {
 
 // Plain thread-local data, set up with the thread and never destroyed, so
 // that counting works at any moment, also inside the allocator.
-struct ThreadCounter {
-    bool armed;
-    std::size_t count;
-};
-
-thread_local ThreadCounter threadCounter __attribute__((tls_model("initial-exec"))) = {false, 0};
+thread_local bool armed __attribute__((tls_model("initial-exec"))) = false;
+thread_local std::size_t allocations __attribute__((tls_model("initial-exec"))) = 0;
 
 void noteAllocation() {
-    threadCounter.count += threadCounter.armed ? 1 : 0;
+    allocations += armed ? 1 : 0;
 }
 
 } // namespace
 
-KROAllocationGuard::KROAllocationGuard()
-    : start_(threadCounter.count), wasArmed_(threadCounter.armed) {
-    threadCounter.armed = true;
+KROAllocationGuard::KROAllocationGuard() : start_(allocations), wasArmed_(armed) {
+    armed = true;
 }
 
 KROAllocationGuard::~KROAllocationGuard() {
-    threadCounter.armed = wasArmed_;
+    armed = wasArmed_;
 }
 
 std::size_t KROAllocationGuard::count() const {
-    return threadCounter.count - start_;
+    return allocations - start_;
 }
 
 #if defined(KRO_SANITIZER_BUILD)
