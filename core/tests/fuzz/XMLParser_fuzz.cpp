@@ -1,7 +1,6 @@
-// libFuzzer target for KROXMLParser: the first byte chooses the parser's
-// options, the rest is the document. The element lists are those the iXML
-// reader sets, plus a few short names that random input hits often. Any
-// crash, leak or sanitizer report is a finding.
+// KROXMLParser on random bytes: the first chooses the options, the rest is
+// the document. The element lists are the iXML reader's, plus short names
+// that random input hits often.
 #include <cstddef>
 #include <cstdint>
 
