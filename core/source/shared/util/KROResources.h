@@ -1,6 +1,6 @@
-// Where the library's resource files are found (DESIGN.md section 6): the
-// directory named by KROCORE_RESOURCES, else the installed share/krocore,
-// else the source tree's core/resources (tests and the build tree).
+// Where the library's resource files are found: the directory named by
+// KROCORE_RESOURCES, else the installed share/krocore, else the source tree's
+// core/resources (tests and the build tree).
 #pragma once
 
 #include <filesystem>
