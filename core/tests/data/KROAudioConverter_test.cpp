@@ -1,41 +1,40 @@
-// Part 1.4: the sample format converter, with the linear PCM path checked
-// against sox and libsndfile, which nobody here wrote.
+// The sample format converter, its linear PCM path checked against sox and
+// libsndfile, which nobody here wrote.
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
-#include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <limits>
-#include <memory>
-#include <random>
-#include <string>
-#include <vector>
+#include <numeric>
 
-#include <unistd.h>
-
+#include "../util/KROScratchDirectory.h"
+#include "KROAlertCatcher.h"
 #include "KROAllocationGuard.h"
 #include "KROAudioConverter.h"
+#include "KROBufferListFixtures.h"
 #include "KROG711.h"
+#include "KROTestCommand.h"
 
 namespace {
 
-constexpr double sampleRate = 44100;
+using Bytes = std::vector<std::uint8_t>;
+constexpr AudioFormatFlags kSigned = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
+constexpr AudioFormatFlags kFloat = kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked;
+constexpr AudioFormatFlags kBig = kAudioFormatFlagIsBigEndian;
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
-// ---- Formats ---------------------------------------------------------------
-
-// An interleaved file format as a file handler describes it.
+// An interleaved file format as a file handler describes it, at 44100 Hz.
 std::shared_ptr<KROAudioStreamDescription> fileFormat(AudioFormatID format, AudioFormatFlags flags,
-                                                      std::uint32_t bits,
-                                                      std::uint32_t channels = 2) {
-    const auto description = KROAudioStreamDescription::descriptionWithSampleRate(sampleRate, 0);
+                                                      std::uint32_t bits, std::uint32_t channels) {
+    const auto description = KROAudioStreamDescription::descriptionWithSampleRate(44100, channels);
     description->setFlags(flags);
     description->setBitDepth(bits);
-    description->setNumberOfChannels(channels);
     description->setFormat(format);
     if (format != kAudioFormatLinearPCM) {
         description->complete();
@@ -43,242 +42,167 @@ std::shared_ptr<KROAudioStreamDescription> fileFormat(AudioFormatID format, Audi
     return description;
 }
 
-std::shared_ptr<KROAudioStreamDescription>
-integerFormat(std::uint32_t bits, AudioFormatFlags more = 0, std::uint32_t channels = 2) {
-    return fileFormat(kAudioFormatLinearPCM,
-                      kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked | more, bits,
-                      channels);
+std::shared_ptr<KROAudioStreamDescription> integers(std::uint32_t bits, AudioFormatFlags more = 0,
+                                                    std::uint32_t channels = 2) {
+    return fileFormat(kAudioFormatLinearPCM, kSigned | more, bits, channels);
 }
 
 // The working format: non-interleaved 32-bit float.
-std::shared_ptr<KROAudioStreamDescription> workingFormat(std::uint32_t channels = 2) {
-    return KROAudioStreamDescription::descriptionWithSampleRate(sampleRate, channels);
+std::shared_ptr<KROAudioStreamDescription> working(std::uint32_t channels = 2) {
+    return KROAudioStreamDescription::descriptionWithSampleRate(44100, channels);
 }
 
-std::shared_ptr<KROAudioConverter> makeConverter(const KROAudioStreamDescription& source,
-                                                 const KROAudioStreamDescription& destination) {
+std::shared_ptr<KROAudioConverter> converter(const std::shared_ptr<KROAudioStreamDescription>& from,
+                                             const std::shared_ptr<KROAudioStreamDescription>& to) {
     KROErrorPtr error;
-    auto converter = KROAudioConverter::converterWithSourceFormat(source, destination, &error);
-    EXPECT_NE(converter, nullptr) << (error ? error->description() : std::string());
-    return converter;
-}
-
-std::shared_ptr<KROAudioBufferList> audioList(std::uint32_t channels, std::uint64_t frames) {
-    auto list = KROAudioBufferList::bufferListWithChannels(channels, frames);
-    EXPECT_NE(list, nullptr);
-    return list;
+    auto made = KROAudioConverter::converterWithSourceFormat(*from, *to, &error);
+    EXPECT_NE(made, nullptr) << (error ? error->description() : "");
+    return made;
 }
 
 std::int32_t code(const char (&text)[5]) {
     return static_cast<std::int32_t>(KROFourCharCode(text));
 }
 
-void expectConverterError(const KROErrorPtr& error, std::int32_t expected) {
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->className(), "KROAudioConverterError");
-    EXPECT_EQ(error->code(), expected);
-}
-
-// ---- Signals ---------------------------------------------------------------
-
-std::vector<std::uint8_t> randomBytes(std::size_t count, unsigned seed) {
+Bytes randomBytes(std::size_t count, unsigned seed) {
     std::mt19937 generator(seed);
-    std::vector<std::uint8_t> bytes(count);
+    Bytes bytes(count);
     for (auto& byte : bytes) {
         byte = static_cast<std::uint8_t>(generator());
     }
     return bytes;
 }
 
-// Floats on the grid m / 2^23 within [-1, 1], which sox's 32-bit integer
-// samples hold exactly, with full scale, zero and the smallest steps first.
-std::vector<float> gridSignal(std::size_t count, unsigned seed) {
+// Floats on the grid m / 2^23 in [-1, 1], which sox's 32-bit samples hold
+// exactly, full scale, zero and the smallest steps first; with overload,
+// values beyond full scale that integers clip.
+std::vector<float> gridSignal(std::size_t count, unsigned seed, bool overload = false) {
     std::vector<float> values{0.0f, 1.0f, -1.0f, 0.5f, -0.5f, 0x1p-23f, -0x1p-23f, 0.25f};
+    if (overload) {
+        values.insert(values.end(), {1.5f, -1.5f, 3.0f, -3.0f, 1.0000001f});
+    }
     std::mt19937 generator(seed);
     std::uniform_int_distribution<std::int32_t> grid(-(1 << 23), (1 << 23) - 1);
     while (values.size() < count) {
         values.push_back(static_cast<float>(grid(generator)) * 0x1p-23f);
     }
-    values.resize(count);
     return values;
 }
 
-// Random multiples of 8 / 32768: values that G.711 codes with no tie in the
-// rounding to 14 (mu-law) or 13 (A-law) bits, where sox rounds ties up.
-std::vector<float> codeGridSignal(std::size_t count, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::uniform_int_distribution<int> grid(-4096, 4095);
-    std::vector<float> values(count);
-    for (float& value : values) {
-        value = float(grid(generator) * 8) / 32768;
-    }
-    return values;
-}
-
-// The grid signal with values beyond full scale, which integers clip.
-std::vector<float> clippingSignal(std::size_t count, unsigned seed) {
-    std::vector<float> values = gridSignal(count, seed);
-    const float beyond[] = {1.5f, -1.5f, 3.0f, -3.0f, 1.0000001f};
-    std::copy(std::begin(beyond), std::end(beyond), values.begin() + 8);
-    return values;
-}
-
-template <typename T>
-std::vector<std::uint8_t> bytesOf(const std::vector<T>& values, bool bigEndian) {
-    std::vector<std::uint8_t> bytes(values.size() * sizeof(T));
+template <typename T> Bytes bytesOf(const std::vector<T>& values, bool bigEndian = false) {
+    Bytes bytes(values.size() * sizeof(T));
     std::memcpy(bytes.data(), values.data(), bytes.size());
-    if (bigEndian) {
-        for (std::size_t i = 0; i < bytes.size(); i += sizeof(T)) {
-            std::reverse(bytes.begin() + i, bytes.begin() + i + sizeof(T));
-        }
+    for (std::size_t i = 0; bigEndian && i < bytes.size(); i += sizeof(T)) {
+        std::reverse(bytes.begin() + i, bytes.begin() + i + sizeof(T));
     }
     return bytes;
 }
 
-// ---- sox and libsndfile ----------------------------------------------------
-
-class TemporaryDirectory {
-public:
-    TemporaryDirectory() {
-        path_ = std::filesystem::temp_directory_path() /
-                ("krocore-converter-" + std::to_string(::getpid()));
-        std::filesystem::create_directories(path_);
-    }
-    ~TemporaryDirectory() { std::filesystem::remove_all(path_); }
-    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
-
-private:
-    std::filesystem::path path_;
-};
-
-void writeFile(const std::filesystem::path& path, const std::vector<std::uint8_t>& bytes) {
-    std::ofstream file(path, std::ios::binary);
-    file.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-}
-
-std::vector<std::uint8_t> readFile(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(file), {});
-}
-
-// Runs sox on raw data: input options, then output options; -D so that sox
-// never dithers, -V1 so that it reports only failures.
-std::vector<std::uint8_t> sox(const std::vector<std::uint8_t>& input, const std::string& from,
-                              const std::string& to, std::uint32_t channels) {
-    TemporaryDirectory directory;
-    const auto in = directory / "in.raw";
-    const auto out = directory / "out.raw";
-    writeFile(in, input);
-    const std::string common = " -t raw -r 44100 -c " + std::to_string(channels) + " ";
-    const std::string command = "sox -V1 -D" + common + from + " '" + in.string() + "'" + common +
-                                to + " '" + out.string() + "'";
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-    return readFile(out);
-}
-
-const std::string soxFloat = "-e floating-point -b 32 -L";
-
-std::vector<float> floatsOf(const std::vector<std::uint8_t>& bytes) {
-    std::vector<float> values(bytes.size() / sizeof(float));
-    std::memcpy(values.data(), bytes.data(), values.size() * sizeof(float));
+template <typename T> std::vector<T> valuesOf(const Bytes& bytes) {
+    std::vector<T> values(bytes.size() / sizeof(T));
+    std::memcpy(values.data(), bytes.data(), values.size() * sizeof(T));
     return values;
 }
 
-// A memory file for sf_open_virtual.
-struct MemoryFile {
-    const std::vector<std::uint8_t>* bytes;
-    sf_count_t position = 0;
+void writeFile(const std::filesystem::path& path, const Bytes& bytes) {
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+}
 
-    static sf_count_t length(void* self) {
-        return sf_count_t(static_cast<MemoryFile*>(self)->bytes->size());
-    }
-    static sf_count_t seek(sf_count_t offset, int whence, void* self) {
-        auto& file = *static_cast<MemoryFile*>(self);
-        const sf_count_t base = whence == SEEK_SET   ? 0
-                                : whence == SEEK_CUR ? file.position
-                                                     : sf_count_t(file.bytes->size());
-        file.position = base + offset;
-        return file.position;
-    }
-    static sf_count_t read(void* destination, sf_count_t count, void* self) {
-        auto& file = *static_cast<MemoryFile*>(self);
-        const sf_count_t left = sf_count_t(file.bytes->size()) - file.position;
-        const sf_count_t n = std::max<sf_count_t>(0, std::min(count, left));
-        std::memcpy(destination, file.bytes->data() + file.position, std::size_t(n));
-        file.position += n;
-        return n;
-    }
-    static sf_count_t write(const void*, sf_count_t, void*) { return 0; }
-    static sf_count_t tell(void* self) { return static_cast<MemoryFile*>(self)->position; }
-};
+// sox on raw data, never dithering: input options, then output options.
+Bytes sox(const Bytes& input, const std::string& from, const std::string& to, unsigned channels) {
+    KROScratchDirectory directory;
+    writeFile(directory / "in.raw", input);
+    const std::string common = " -t raw -r 44100 -c " + std::to_string(channels) + " ";
+    const std::string command = "sox -V1 -D" + common + from + " " +
+                                (directory / "in.raw").string() + common + to + " " +
+                                (directory / "out.raw").string();
+    EXPECT_EQ(KRORunCommand(command).status, 0) << command;
+    std::ifstream file(directory / "out.raw", std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(file), {});
+}
 
-// What libsndfile makes of raw bytes: interleaved floats, full scale 1.0.
-std::vector<float> libsndfileFloats(const std::vector<std::uint8_t>& bytes, int format,
-                                    std::uint32_t channels, std::size_t frames) {
-    MemoryFile file{&bytes};
-    SF_VIRTUAL_IO io{MemoryFile::length, MemoryFile::seek, MemoryFile::read, MemoryFile::write,
-                     MemoryFile::tell};
+const std::string kSoxFloat = "-e floating-point -b 32 -L";
+
+// What libsndfile reads from raw bytes: interleaved floats, full scale 1.0.
+std::vector<float> libsndfile(const Bytes& bytes, int format, unsigned channels) {
+    KROScratchDirectory directory;
+    writeFile(directory / "in.raw", bytes);
     SF_INFO info{};
-    info.samplerate = int(sampleRate);
+    info.samplerate = 44100;
     info.channels = int(channels);
     info.format = SF_FORMAT_RAW | format;
-    SNDFILE* sound = sf_open_virtual(&io, SFM_READ, &info, &file);
+    SNDFILE* sound = sf_open((directory / "in.raw").c_str(), SFM_READ, &info);
     EXPECT_NE(sound, nullptr) << sf_strerror(nullptr);
-    std::vector<float> values(frames * channels);
+    std::vector<float> values(std::size_t(info.frames) * channels);
     if (sound) {
         sf_command(sound, SFC_SET_NORM_FLOAT, nullptr, SF_TRUE);
-        EXPECT_EQ(sf_readf_float(sound, values.data(), sf_count_t(frames)), sf_count_t(frames));
+        EXPECT_EQ(sf_readf_float(sound, values.data(), info.frames), info.frames);
         sf_close(sound);
     }
     return values;
 }
 
-// ---- Conversion through the operations of Algorithm 7 ----------------------
-
-// The read path of the file handlers (Algorithm 3): interleaved file bytes to
-// the working format; the result interleaved again for comparison.
-std::vector<float> readThroughConverter(const KROAudioStreamDescription& format,
-                                        const std::vector<std::uint8_t>& bytes) {
-    const std::uint32_t channels = std::uint32_t(format.numberOfChannels());
+// The read path of the file handlers, interleaved again for comparison.
+std::vector<float> readThrough(const KROAudioStreamDescription& format, const Bytes& bytes) {
+    const auto channels = std::uint32_t(format.numberOfChannels());
     const std::size_t frames = bytes.size() / format.basicDescription()->mBytesPerFrame;
-    const auto converter = makeConverter(format, *workingFormat(channels));
-    const auto list = audioList(channels, frames);
+    const auto list = makeList(channels, frames);
     KROErrorPtr error;
-    EXPECT_TRUE(converter->convertInput(bytes.data(), bytes.size(), *list, &error))
-        << (error ? error->description() : std::string());
+    EXPECT_TRUE(converter(format.copy(), working(channels))
+                    ->convertInput(bytes.data(), bytes.size(), *list, &error))
+        << (error ? error->description() : "");
     std::vector<float> values(frames * channels);
-    for (std::size_t frame = 0; frame < frames; ++frame) {
-        for (std::uint32_t channel = 0; channel < channels; ++channel) {
-            values[frame * channels + channel] = list->channel(channel)[frame];
-        }
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        values[i] = list->channel(std::uint32_t(i % channels))[i / channels];
     }
     return values;
 }
 
-// The write path (Algorithm 5): interleaved floats, put into the working
-// format, to file bytes.
-std::vector<std::uint8_t> writeThroughConverter(const KROAudioStreamDescription& format,
-                                                const std::vector<float>& values) {
-    const std::uint32_t channels = std::uint32_t(format.numberOfChannels());
+// The write path: interleaved floats, put into the working format, to file bytes.
+Bytes writeThrough(const KROAudioStreamDescription& format, const std::vector<float>& values) {
+    const auto channels = std::uint32_t(format.numberOfChannels());
     const std::size_t frames = values.size() / channels;
-    const auto list = audioList(channels, frames);
-    for (std::size_t frame = 0; frame < frames; ++frame) {
-        for (std::uint32_t channel = 0; channel < channels; ++channel) {
-            list->channel(channel)[frame] = values[frame * channels + channel];
-        }
+    const auto list = makeList(channels, frames);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        list->channel(std::uint32_t(i % channels))[i / channels] = values[i];
     }
-    const auto converter = makeConverter(*workingFormat(channels), format);
-    const std::uint32_t bytesPerFrame = format.basicDescription()->mBytesPerFrame;
-    const auto bytes = KROBufferList::bufferListWithNumberOfBuffers(1, frames * bytesPerFrame);
+    const std::uint32_t size = format.basicDescription()->mBytesPerFrame * std::uint32_t(frames);
+    const auto bytes = KROBufferList::bufferListWithNumberOfBuffers(1, size);
     KROErrorPtr error;
-    EXPECT_EQ(converter->convertAudioBuffer(*list, *bytes, &error), frames)
-        << (error ? error->description() : std::string());
-    EXPECT_EQ(bytes->length(), frames * bytesPerFrame);
+    EXPECT_EQ(
+        converter(working(channels), format.copy())->convertAudioBuffer(*list, *bytes, &error),
+        frames)
+        << (error ? error->description() : "");
     const auto* data = static_cast<const std::uint8_t*>(bytes->bufferAtIndex(0));
-    return std::vector<std::uint8_t>(data, data + frames * bytesPerFrame);
+    return Bytes(data, data + size);
 }
 
-// ---- The formats checked against the oracles -------------------------------
+// The bytes converted by convertInputInBytes into size bytes.
+Bytes convertBytes(const std::shared_ptr<KROAudioStreamDescription>& from,
+                   const std::shared_ptr<KROAudioStreamDescription>& to, const Bytes& in,
+                   std::size_t size) {
+    Bytes out(size);
+    EXPECT_TRUE(converter(from, to)->convertInputInBytes(in.data(), in.size(), out.data(), size));
+    return out;
+}
+
+// Within step (0: exactly); a 32-bit integer read as a float is also rounded
+// to the float's precision, so one unit in its last place counts as well.
+void expectWithin(const std::vector<float>& actual, const std::vector<float>& expected,
+                  double step) {
+    ASSERT_EQ(actual.size(), expected.size());
+    std::size_t misses = 0;
+    for (std::size_t i = 0; i < actual.size(); ++i) {
+        const float magnitude = std::fabs(expected[i]);
+        const double ulp = std::nextafter(magnitude, kInfinity) - magnitude;
+        if (std::fabs(double(actual[i]) - expected[i]) > (step == 0 ? 0 : std::max(step, ulp)) &&
+            misses++ < 5) {
+            ADD_FAILURE() << "at " << i << ": " << actual[i] << " != " << expected[i];
+        }
+    }
+    EXPECT_EQ(misses, 0u);
+}
 
 struct OracleCase {
     const char* name;
@@ -287,451 +211,104 @@ struct OracleCase {
     std::uint32_t bits;
     const char* sox;
     int libsndfile;
-    // One step of the integer, or 0 where the result must be exact.
-    double step;
-    bool isFloat;
-    bool bigEndian;
+    double step; // one step of the integer; 0 where the result is exact
 };
 
-constexpr AudioFormatFlags signedPacked =
-    kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
-constexpr AudioFormatFlags floatPacked = kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked;
-constexpr AudioFormatFlags big = kAudioFormatFlagIsBigEndian;
-
-const OracleCase oracleCases[] = {
+const OracleCase kOracleCases[] = {
     {"u8", kAudioFormatLinearPCM, kAudioFormatFlagIsPacked, 8, "-e unsigned-integer -b 8",
-     SF_FORMAT_PCM_U8, 0x1p-7, false, false},
-    {"s8", kAudioFormatLinearPCM, signedPacked, 8, "-e signed-integer -b 8", SF_FORMAT_PCM_S8,
-     0x1p-7, false, false},
-    {"s16le", kAudioFormatLinearPCM, signedPacked, 16, "-e signed-integer -b 16 -L",
-     SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE, 0x1p-15, false, false},
-    {"s16be", kAudioFormatLinearPCM, signedPacked | big, 16, "-e signed-integer -b 16 -B",
-     SF_FORMAT_PCM_16 | SF_ENDIAN_BIG, 0x1p-15, false, true},
-    {"s24le", kAudioFormatLinearPCM, signedPacked, 24, "-e signed-integer -b 24 -L",
-     SF_FORMAT_PCM_24 | SF_ENDIAN_LITTLE, 0x1p-23, false, false},
-    {"s24be", kAudioFormatLinearPCM, signedPacked | big, 24, "-e signed-integer -b 24 -B",
-     SF_FORMAT_PCM_24 | SF_ENDIAN_BIG, 0x1p-23, false, true},
-    {"s32le", kAudioFormatLinearPCM, signedPacked, 32, "-e signed-integer -b 32 -L",
-     SF_FORMAT_PCM_32 | SF_ENDIAN_LITTLE, 0x1p-31, false, false},
-    {"s32be", kAudioFormatLinearPCM, signedPacked | big, 32, "-e signed-integer -b 32 -B",
-     SF_FORMAT_PCM_32 | SF_ENDIAN_BIG, 0x1p-31, false, true},
-    {"f32le", kAudioFormatLinearPCM, floatPacked, 32, "-e floating-point -b 32 -L",
-     SF_FORMAT_FLOAT | SF_ENDIAN_LITTLE, 0, true, false},
-    {"f32be", kAudioFormatLinearPCM, floatPacked | big, 32, "-e floating-point -b 32 -B",
-     SF_FORMAT_FLOAT | SF_ENDIAN_BIG, 0, true, true},
-    {"f64le", kAudioFormatLinearPCM, floatPacked, 64, "-e floating-point -b 64 -L",
-     SF_FORMAT_DOUBLE | SF_ENDIAN_LITTLE, 0, true, false},
-    {"f64be", kAudioFormatLinearPCM, floatPacked | big, 64, "-e floating-point -b 64 -B",
-     SF_FORMAT_DOUBLE | SF_ENDIAN_BIG, 0, true, true},
-    {"ulaw", kAudioFormatULaw, 0, 8, "-e u-law -b 8", SF_FORMAT_ULAW, 0, false, false},
-    {"alaw", kAudioFormatALaw, 0, 8, "-e a-law -b 8", SF_FORMAT_ALAW, 0, false, false},
+     SF_FORMAT_PCM_U8, 0x1p-7},
+    {"s8", kAudioFormatLinearPCM, kSigned, 8, "-e signed-integer -b 8", SF_FORMAT_PCM_S8, 0x1p-7},
+    {"s16le", kAudioFormatLinearPCM, kSigned, 16, "-e signed-integer -b 16 -L", SF_FORMAT_PCM_16,
+     0x1p-15},
+    {"s16be", kAudioFormatLinearPCM, kSigned | kBig, 16, "-e signed-integer -b 16 -B",
+     SF_FORMAT_PCM_16 | SF_ENDIAN_BIG, 0x1p-15},
+    {"s24le", kAudioFormatLinearPCM, kSigned, 24, "-e signed-integer -b 24 -L", SF_FORMAT_PCM_24,
+     0x1p-23},
+    {"s24be", kAudioFormatLinearPCM, kSigned | kBig, 24, "-e signed-integer -b 24 -B",
+     SF_FORMAT_PCM_24 | SF_ENDIAN_BIG, 0x1p-23},
+    {"s32le", kAudioFormatLinearPCM, kSigned, 32, "-e signed-integer -b 32 -L", SF_FORMAT_PCM_32,
+     0x1p-31},
+    {"s32be", kAudioFormatLinearPCM, kSigned | kBig, 32, "-e signed-integer -b 32 -B",
+     SF_FORMAT_PCM_32 | SF_ENDIAN_BIG, 0x1p-31},
+    {"f32le", kAudioFormatLinearPCM, kFloat, 32, "-e floating-point -b 32 -L", SF_FORMAT_FLOAT, 0},
+    {"f32be", kAudioFormatLinearPCM, kFloat | kBig, 32, "-e floating-point -b 32 -B",
+     SF_FORMAT_FLOAT | SF_ENDIAN_BIG, 0},
+    {"f64le", kAudioFormatLinearPCM, kFloat, 64, "-e floating-point -b 64 -L", SF_FORMAT_DOUBLE, 0},
+    {"f64be", kAudioFormatLinearPCM, kFloat | kBig, 64, "-e floating-point -b 64 -B",
+     SF_FORMAT_DOUBLE | SF_ENDIAN_BIG, 0},
+    {"ulaw", kAudioFormatULaw, 0, 8, "-e u-law -b 8", SF_FORMAT_ULAW, 0},
+    {"alaw", kAudioFormatALaw, 0, 8, "-e a-law -b 8", SF_FORMAT_ALAW, 0},
 };
 
-class Part_1_4_Oracle : public testing::TestWithParam<OracleCase> {
-protected:
-    static constexpr std::size_t frames = 4096;
-    static constexpr std::uint32_t channels = 2;
-
-    std::shared_ptr<KROAudioStreamDescription> format() const {
-        const OracleCase& c = GetParam();
-        return fileFormat(c.format, c.flags, c.bits, channels);
-    }
-
-    // Bytes of every pattern for integers and G.711; grid values for floats,
-    // which sox carries through its 32-bit integers exactly.
-    std::vector<std::uint8_t> fileBytes() const {
-        const OracleCase& c = GetParam();
-        const std::vector<float> values = gridSignal(frames * channels, 11);
-        if (c.isFloat && c.bits == 32) {
-            return bytesOf(values, c.bigEndian);
-        }
-        if (c.isFloat) {
-            return bytesOf(std::vector<double>(values.begin(), values.end()), c.bigEndian);
-        }
-        return randomBytes(frames * format()->basicDescription()->mBytesPerFrame, 12);
-    }
-};
-
-// Integers within one step; but a 32-bit integer read as a float is also
-// rounded to the float's precision, and programs may round it another way,
-// so one unit in the last place of the float counts as well.
-void expectWithin(const std::vector<float>& actual, const std::vector<float>& expected, double step,
-                  const char* what) {
-    ASSERT_EQ(actual.size(), expected.size()) << what;
-    std::size_t misses = 0;
-    for (std::size_t i = 0; i < actual.size(); ++i) {
-        const float magnitude = std::fabs(expected[i]);
-        const double ulp = std::nextafter(magnitude, INFINITY) - magnitude;
-        const double tolerance = step == 0 ? 0 : std::max(step, ulp);
-        const bool close = std::fabs(double(actual[i]) - expected[i]) <= tolerance;
-        if (!close && misses++ < 5) {
-            ADD_FAILURE() << what << " at " << i << ": " << actual[i] << " != " << expected[i];
-        }
-    }
-    EXPECT_EQ(misses, 0u) << what;
-}
+class KROAudioConverterFormats : public testing::TestWithParam<OracleCase> {};
 
 } // namespace
 
-// ---- Edge cases worth testing ---------------------------------------------
-
-TEST(Part_1_4, TwoConvertersWithEqualInputFormatsAndDifferentOutputFormatsAreEqual) {
-    const auto a = makeConverter(*integerFormat(16), *workingFormat());
-    const auto b = makeConverter(*integerFormat(16), *integerFormat(24));
-    const auto c = makeConverter(*integerFormat(24), *workingFormat());
-    EXPECT_TRUE(a->isEqual(*b));
-    EXPECT_TRUE(a->isEqualToConverter(*b));
-    EXPECT_EQ(a->hash(), b->hash());
-    EXPECT_FALSE(a->isEqual(*c));
-    EXPECT_TRUE(a->isEqual(*a));
-    EXPECT_FALSE(a->isEqual(KROAudioStreamDescription()));
-}
-
-TEST(Part_1_4, SetMagicCookieWithEmptyDataReturnsTrueAndDoesNotTouchTheConverter) {
-    const auto converter = makeConverter(*integerFormat(16), *workingFormat());
-    KROErrorPtr error;
-    EXPECT_TRUE(converter->setMagicCookie({}, &error));
-    EXPECT_EQ(error, nullptr);
-    // A cookie that reaches the converter fails: linear PCM takes none.
-    EXPECT_FALSE(converter->setMagicCookie({1, 2, 3}, &error));
-    expectConverterError(error, code("prop"));
-}
-
-TEST(Part_1_4, ConvertBufferToBufferWithListsOfDifferentBufferCountsReturnsFalseAndStoresNothing) {
-    const auto converter = makeConverter(*workingFormat(), *workingFormat());
-    const auto two = audioList(2, 16);
-    const auto three = audioList(3, 16);
-    KROErrorPtr error;
-    EXPECT_FALSE(converter->convertBuffer(*two, *three, &error));
-    EXPECT_EQ(error, nullptr);
-    EXPECT_FALSE(converter->convertBuffer(*three, *two, &error));
-    EXPECT_EQ(error, nullptr);
-}
-
-TEST(Part_1_4, ConvertAudioBufferToBufferReturns0OnFailureAndTheCallerReadsThatAsNoPacketsWritten) {
-    const auto converter = makeConverter(*workingFormat(), *integerFormat(16));
-    const auto source = audioList(2, 100);
-    source->setValue(0.5f, 0, 0);
-    // Room for 99 frames, not 100: nothing is written.
-    const auto destination = KROBufferList::bufferListWithNumberOfBuffers(1, 99 * 4);
-    KROErrorPtr error;
-    EXPECT_EQ(converter->convertAudioBuffer(*source, *destination, &error), 0u);
-    expectConverterError(error, code("otsz"));
-    const auto* bytes = static_cast<const std::uint8_t*>(destination->bufferAtIndex(0));
-    EXPECT_TRUE(std::all_of(bytes, bytes + destination->length(), [](auto b) { return b == 0; }));
-    EXPECT_EQ(destination->length(), 99u * 4);
-    // Without an out-argument the failure is the 0 alone.
-    EXPECT_EQ(converter->convertAudioBuffer(*source, *destination), 0u);
-}
-
-TEST(Part_1_4, SetDitherBitDepthChangesWhatDitherTypeReportsAndLeavesDitherBitDepth) {
-    const auto converter = makeConverter(*workingFormat(), *integerFormat(16));
-    EXPECT_EQ(converter->ditherType(), 0u);
-    EXPECT_EQ(converter->ditherBitDepth(), 0u);
-    EXPECT_TRUE(converter->setDitherBitDepth(16));
-    EXPECT_EQ(converter->ditherType(), 16u);
-    EXPECT_EQ(converter->ditherBitDepth(), 0u);
-    EXPECT_TRUE(converter->setDitherType(2));
-    EXPECT_EQ(converter->ditherType(), 2u);
-    EXPECT_EQ(converter->ditherBitDepth(), 0u);
-}
-
-// ---- Construction and codes -------------------------------------------------
-
-TEST(Part_1_4, UnsupportedFormatsFailAtConstructionWithFmt) {
-    AudioStreamBasicDescription broken = *integerFormat(16)->basicDescription();
-    std::vector<AudioStreamBasicDescription> records;
-    const auto with = [&](auto change) {
-        AudioStreamBasicDescription record = broken;
-        change(record);
-        records.push_back(record);
-    };
-    with([](auto& r) { r.mFormatID = kAudioFormatAppleIMA4; });
-    with([](auto& r) { r.mFormatID = kAudioFormatMPEG4AAC; });
-    with([](auto& r) { r.mChannelsPerFrame = 0; });
-    with([](auto& r) { r.mBitsPerChannel = 0; });
-    with([](auto& r) { r.mBitsPerChannel = 17; });
-    with([](auto& r) { r.mBitsPerChannel = 33; });
-    with([](auto& r) { r.mBitsPerChannel = 1000; });
-    with([](auto& r) { r.mBitsPerChannel = 0xFFFFFFFF; });
-    with([](auto& r) { r.mBytesPerFrame = 3; });
-    with([](auto& r) { r.mBytesPerFrame = 0; });
-    with([](auto& r) { r.mBytesPerPacket = 8; });
-    with([](auto& r) { r.mFramesPerPacket = 0; });
-    with([](auto& r) { r.mFramesPerPacket = 2; });
-    with([](auto& r) { r.mChannelsPerFrame = 0xFFFFFFFF; });
-    with([](auto& r) { r.mFormatFlags = kAudioFormatFlagIsFloat; });
-    with([](auto& r) {
-        r.mFormatFlags = kAudioFormatFlagIsSignedInteger;
-        r.mBitsPerChannel = 40;
-        r.mBytesPerFrame = r.mBytesPerPacket = 10;
-    });
-    for (const AudioStreamBasicDescription& record : records) {
-        const auto format = KROAudioStreamDescription::descriptionWithBasicDescription(record);
-        for (const bool asSource : {true, false}) {
-            KROErrorPtr error;
-            const auto converter = asSource ? KROAudioConverter::converterWithSourceFormat(
-                                                  *format, *workingFormat(), &error)
-                                            : KROAudioConverter::converterWithSourceFormat(
-                                                  *workingFormat(), *format, &error);
-            EXPECT_EQ(converter, nullptr) << format->description();
-            expectConverterError(error, code("fmt?"));
+// Each format read and written here against sox and libsndfile: bytes of
+// every pattern (grid values for floats) read as the programs read them; our
+// writing reads back through sox; our writing is within a step of sox's.
+TEST_P(KROAudioConverterFormats, AgreeWithSoxAndLibsndfile) {
+    const OracleCase& c = GetParam();
+    const bool isFloat = c.flags & kAudioFormatFlagIsFloat;
+    const auto format = fileFormat(c.format, c.flags, c.bits, 2);
+    const std::size_t count = 2 * 4096;
+    const auto grid = gridSignal(count, 11);
+    const Bytes bytes =
+        !isFloat       ? randomBytes(count * c.bits / 8, 12)
+        : c.bits == 32 ? bytesOf(grid, c.flags & kBig)
+                       : bytesOf(std::vector<double>(grid.begin(), grid.end()), c.flags & kBig);
+    const auto ours = readThrough(*format, bytes);
+    {
+        SCOPED_TRACE("read by sox");
+        // sox makes floats from its 32-bit samples rounded to 25 bits first.
+        const double step = c.step == 0 ? 0 : std::max(c.step, 0x1p-24);
+        expectWithin(ours, valuesOf<float>(sox(bytes, c.sox, kSoxFloat, 2)), step);
+    }
+    {
+        SCOPED_TRACE("read by libsndfile");
+        expectWithin(ours, libsndfile(bytes, c.libsndfile, 2), c.step);
+    }
+    {
+        SCOPED_TRACE("written here, read back by sox");
+        const auto values = gridSignal(count, 21, !isFloat);
+        const auto written = writeThrough(*format, values);
+        const auto back = readThrough(*format, written);
+        expectWithin(valuesOf<float>(sox(written, c.sox, kSoxFloat, 2)), back, c.step);
+        if (c.format == kAudioFormatLinearPCM) {
+            // The source rounded to the nearest step after clipping to the
+            // integers' range, which ends one step below 1.0.
+            std::vector<float> clipped(values);
+            for (float& value : clipped) {
+                value = isFloat ? value : std::clamp(value, -1.0f, float(1.0 - c.step));
+            }
+            expectWithin(back, clipped, c.step / 2);
         }
     }
-}
-
-TEST(Part_1_4, TheFmtFailureUsesTheCharacterKeyAndTheCreatingAction) {
-    const auto format = integerFormat(16);
-    format->setBitDepth(12); // 1 byte per channel by Part 1.3's refresh: no such integer
-    KROErrorPtr error;
-    EXPECT_EQ(KROAudioConverter::converterWithSourceFormat(*format, *workingFormat(), &error),
-              nullptr);
-    expectConverterError(error, code("fmt?"));
-    const std::string reason = KROLocalizedString("KROAudioConverterError_failureReason_fmt?");
-    ASSERT_NE(reason, "KROAudioConverterError_failureReason_fmt?");
-    EXPECT_EQ(error->failureReason(), reason);
-    EXPECT_EQ(error->description(), KROLocalizedString("KROAudioConverter_action_creating") + " " +
-                                        KROLocalizedString("KROError_conjunction") + " " + reason +
-                                        ".");
-    EXPECT_EQ(KROAudioConverter::converterWithSourceFormat(*format, *workingFormat()), nullptr);
-}
-
-TEST(Part_1_4, ARateOrChannelChangeFailsAtConstructionWithOp) {
-    KROErrorPtr error;
-    const auto other = KROAudioStreamDescription::descriptionWithSampleRate(48000, 2);
-    EXPECT_EQ(KROAudioConverter::converterWithSourceFormat(*integerFormat(16), *other, &error),
-              nullptr);
-    expectConverterError(error, code("op??"));
-    EXPECT_EQ(
-        KROAudioConverter::converterWithSourceFormat(*integerFormat(16), *workingFormat(3), &error),
-        nullptr);
-    expectConverterError(error, code("op??"));
-    EXPECT_NE(error->failureReason(), KROLocalizedString("KROError_defaultFailureReason"));
-}
-
-TEST(Part_1_4, EveryCodeOfTheConverterHasAText) {
-    for (const char* key : {"fmt?", "op??", "prop", "insz", "otsz", "!siz", "-50", "-108"}) {
-        const std::string full = std::string("KROAudioConverterError_failureReason_") + key;
-        EXPECT_NE(KROLocalizedString(full), full);
-    }
-    for (const char* key :
-         {"creating", "resetting", "settingQuality", "settingBitRate", "gettingMagicCookie",
-          "settingMagicCookie", "settingDitherType", "settingDitherBitDepth", "converting"}) {
-        const std::string full = std::string("KROAudioConverter_action_") + key;
-        EXPECT_NE(KROLocalizedString(full), full);
-    }
-    EXPECT_EQ(KROAudioConverterError::failureReasonForError(kAudio_ParamError),
-              KROLocalizedString("KROAudioConverterError_failureReason_-50"));
-}
-
-TEST(Part_1_4, TheDescriptionsAreNewObjectsReadFromTheConverter) {
-    const auto input = integerFormat(24, kAudioFormatFlagIsBigEndian);
-    const auto output = workingFormat();
-    const auto converter = makeConverter(*input, *output);
-    const auto readInput = converter->inputDescription();
-    const auto readOutput = converter->outputDescription();
-    ASSERT_NE(readInput, nullptr);
-    ASSERT_NE(readOutput, nullptr);
-    EXPECT_TRUE(readInput->isEqual(*input));
-    EXPECT_TRUE(readOutput->isEqual(*output));
-    EXPECT_NE(readInput.get(), converter->inputDescription().get());
-    EXPECT_NE(converter->converter(), nullptr);
-}
-
-TEST(Part_1_4, PropertiesReadBackWhatWasWrittenAndFailedReadsGive0) {
-    const auto converter = makeConverter(*workingFormat(), *integerFormat(24));
-    EXPECT_EQ(converter->quality(), kAudioConverterQuality_Medium);
-    EXPECT_TRUE(converter->setQuality(kAudioConverterQuality_Max));
-    EXPECT_EQ(converter->quality(), kAudioConverterQuality_Max);
-    EXPECT_EQ(converter->maximumOutputPacketSize(), 6u);
-    EXPECT_EQ(converter->bitrate(), 0u);
-    KROErrorPtr error;
-    EXPECT_FALSE(converter->setBitrate(128000, &error));
-    expectConverterError(error, code("prop"));
-    EXPECT_TRUE(converter->reset(&error));
-}
-
-TEST(Part_1_4, MagicCookieOfLinearPCMIsNoneAndShownByAlert) {
-    std::vector<std::shared_ptr<const KROError>> alerts;
-    KROError::setAlertHost(KROAlertHost{
-        [] { return true; },
-        [&](std::shared_ptr<const KROError> error) { alerts.push_back(std::move(error)); }});
-    const auto converter = makeConverter(*workingFormat(), *integerFormat(16));
-    EXPECT_FALSE(converter->magicCookie().has_value());
-    KROError::setAlertHost({});
-    ASSERT_EQ(alerts.size(), 1u);
-    EXPECT_EQ(alerts[0]->code(), code("prop"));
-    EXPECT_EQ(alerts[0]->description().rfind(
-                  KROLocalizedString("KROAudioConverter_action_gettingMagicCookie"), 0),
-              0u);
-}
-
-TEST(Part_1_4, APropertyOfTheWrongSizeFailsWithSiz) {
-    const auto converter = makeConverter(*workingFormat(), *integerFormat(16));
-    const std::uint16_t small = 3;
-    EXPECT_EQ(AudioConverterSetProperty(converter->converter(), kAudioConverterPropertyDithering,
-                                        sizeof small, &small),
-              code("!siz"));
-    AudioStreamBasicDescription record{};
-    std::uint32_t size = sizeof record - 1;
-    EXPECT_EQ(AudioConverterGetProperty(converter->converter(),
-                                        kAudioConverterCurrentInputStreamDescription, &size,
-                                        &record),
-              code("!siz"));
-    std::uint32_t tiny = 2;
-    std::uint32_t word = 0;
-    EXPECT_EQ(AudioConverterGetProperty(converter->converter(),
-                                        kAudioConverterSampleRateConverterQuality, &tiny, &word),
-              code("!siz"));
-}
-
-TEST(Part_1_4, AConverterThatWasNeverMadeFailsEveryConversionWithParamError) {
-    const auto converter = std::make_shared<KROAudioConverter>();
-    const auto list = audioList(2, 8);
-    KROErrorPtr error;
-    EXPECT_FALSE(converter->convertBufferInPlace(*list, &error));
-    expectConverterError(error, kAudio_ParamError);
-    EXPECT_EQ(converter->convertToAudioBufferUsingCallback(*list, &error), 0u);
-    EXPECT_EQ(converter->inputDescription(), nullptr);
-    EXPECT_EQ(converter->quality(), 0u);
-    EXPECT_FALSE(converter->reset(&error));
-    EXPECT_FALSE(converter->isEqual(*std::make_shared<KROAudioConverter>()));
-}
-
-// ---- Rounding and clipping (the rule in KROSampleConversion.h) -------------
-
-TEST(Part_1_4, FloatToIntegerRoundsToNearestEvenAndClips) {
-    const std::vector<float> values{0.5f / 32768,
-                                    1.5f / 32768,
-                                    -2.5f / 32768,
-                                    -0.5f / 32768,
-                                    1.0f,
-                                    -1.0f,
-                                    2.0f,
-                                    -2.0f,
-                                    std::numeric_limits<float>::infinity(),
-                                    -std::numeric_limits<float>::infinity(),
-                                    std::numeric_limits<float>::quiet_NaN(),
-                                    32767.4f / 32768};
-    const std::vector<std::int16_t> expected{0,     2,      -2,    0,      32767, -32768,
-                                             32767, -32768, 32767, -32768, 0,     32767};
-    const auto bytes = writeThroughConverter(*integerFormat(16, 0, 1), values);
-    std::vector<std::int16_t> written(values.size());
-    std::memcpy(written.data(), bytes.data(), bytes.size());
-    EXPECT_EQ(written, expected);
-}
-
-TEST(Part_1_4, FullScaleIsTheLargestIntegerAtEveryWidth) {
-    const std::vector<float> values{1.0f, -1.0f};
-    const auto s32 = writeThroughConverter(*integerFormat(32, 0, 1), values);
-    std::int32_t words[2];
-    std::memcpy(words, s32.data(), sizeof words);
-    EXPECT_EQ(words[0], std::numeric_limits<std::int32_t>::max());
-    EXPECT_EQ(words[1], std::numeric_limits<std::int32_t>::min());
-    const auto s24 = writeThroughConverter(*integerFormat(24, 0, 1), values);
-    EXPECT_EQ(s24, (std::vector<std::uint8_t>{0xFF, 0xFF, 0x7F, 0x00, 0x00, 0x80}));
-    const auto u8 =
-        writeThroughConverter(*fileFormat(kAudioFormatLinearPCM, 0, 8, 1), {1.0f, -1.0f, 0.0f});
-    EXPECT_EQ(u8, (std::vector<std::uint8_t>{255, 0, 128}));
-}
-
-TEST(Part_1_4, IntegersNarrowerThanTheirContainersAlignHighOrLow) {
-    // 12 bits in 16-bit containers, as a caller sets them (Part 1.3, Algorithm 1).
-    for (const bool high : {true, false}) {
-        const auto format = integerFormat(16, 0, 1);
-        auto& record = *format->basicDescription();
-        record.mBitsPerChannel = 12;
-        record.mFormatFlags =
-            kAudioFormatFlagIsSignedInteger | (high ? kAudioFormatFlagIsAlignedHigh : 0);
-        const std::vector<std::int16_t> containers =
-            high ? std::vector<std::int16_t>{0x7FF0, -0x8000, 0x0010, 0x7FFF}
-                 : std::vector<std::int16_t>{0x07FF, -0x0800, 0x0001, 0x0FFF};
-        const auto values = readThroughConverter(*format, bytesOf(containers, false));
-        EXPECT_EQ(values, (std::vector<float>{2047.0f / 2048, -1.0f, 1.0f / 2048,
-                                              high ? 2047.0f / 2048 : -1.0f / 2048}));
-        const auto written =
-            writeThroughConverter(*format, {2047.0f / 2048, -1.0f, 1.0f / 2048, 0.99999f});
-        std::vector<std::int16_t> back(4);
-        std::memcpy(back.data(), written.data(), written.size());
-        EXPECT_EQ(back, high ? (std::vector<std::int16_t>{0x7FF0, -0x8000, 0x0010, 0x7FF0})
-                             : (std::vector<std::int16_t>{0x07FF, -0x0800, 0x0001, 0x07FF}));
-    }
-}
-
-TEST(Part_1_4, UnsignedIntegersOfEveryWidthAreOffsetByHalfTheirRange) {
-    const auto format = fileFormat(kAudioFormatLinearPCM, kAudioFormatFlagIsPacked, 16, 1);
-    const std::vector<std::uint16_t> containers{0x8000, 0x0000, 0xFFFF};
-    const auto values = readThroughConverter(*format, bytesOf(containers, false));
-    EXPECT_EQ(values, (std::vector<float>{0.0f, -1.0f, 32767.0f / 32768}));
-    const auto sox16 =
-        floatsOf(sox(bytesOf(containers, false), "-e unsigned-integer -b 16 -L", soxFloat, 1));
-    EXPECT_EQ(values, sox16);
-}
-
-// ---- Oracles: sox and libsndfile -------------------------------------------
-
-TEST_P(Part_1_4_Oracle, BytesReadAsFloatEqualWhatSoxMakesOfThem) {
-    const auto bytes = fileBytes();
-    const auto ours = readThroughConverter(*format(), bytes);
-    const auto theirs = floatsOf(sox(bytes, GetParam().sox, soxFloat, channels));
-    // sox makes 32-bit floats from its 32-bit samples rounded to 25 bits first
-    // (SOX_SAMPLE_TO_FLOAT_32BIT), so against sox a step is at least 2^-24.
-    const double step = GetParam().step == 0 ? 0 : std::max(GetParam().step, 0x1p-24);
-    expectWithin(ours, theirs, step, "sox");
-}
-
-TEST_P(Part_1_4_Oracle, BytesReadAsFloatEqualWhatLibsndfileMakesOfThem) {
-    const auto bytes = fileBytes();
-    const auto ours = readThroughConverter(*format(), bytes);
-    const auto theirs = libsndfileFloats(bytes, GetParam().libsndfile, channels, frames);
-    expectWithin(ours, theirs, GetParam().step, "libsndfile");
-}
-
-TEST_P(Part_1_4_Oracle, FloatsWrittenHereReadBackThroughSoxToTheSameValues) {
-    const OracleCase& c = GetParam();
-    const auto values =
-        c.isFloat ? gridSignal(frames * channels, 21) : clippingSignal(frames * channels, 21);
-    const auto bytes = writeThroughConverter(*format(), values);
-    const auto ours = readThroughConverter(*format(), bytes);
-    const auto theirs = floatsOf(sox(bytes, c.sox, soxFloat, channels));
-    expectWithin(theirs, ours, c.step, "sox reading back");
-    if (c.format == kAudioFormatLinearPCM) {
-        // Each value is the source rounded to the nearest step, after clipping
-        // to the integers' range, which ends one step below 1.0.
-        std::vector<float> clipped(values);
-        for (float& value : clipped) {
-            value = c.isFloat ? value : std::clamp(value, -1.0f, float(1.0 - c.step));
+    {
+        SCOPED_TRACE("written by sox");
+        // For G.711 multiples of 8 / 32768, which code with no tie to round.
+        std::vector<float> values = gridSignal(count, 31);
+        for (std::size_t i = 0; c.format != kAudioFormatLinearPCM && i < count; ++i) {
+            values[i] = std::min(std::round(values[i] * 4096), 4095.0f) * 8 / 32768;
         }
-        expectWithin(ours, clipped, c.step / 2, "rounding");
+        const auto theirs = readThrough(*format, sox(bytesOf(values), kSoxFloat, c.sox, 2));
+        expectWithin(readThrough(*format, writeThrough(*format, values)), theirs, c.step);
     }
 }
 
-TEST_P(Part_1_4_Oracle, FloatsWrittenHereAreWithinOneStepOfWhatSoxWrites) {
-    const OracleCase& c = GetParam();
-    const auto values = c.format == kAudioFormatLinearPCM ? gridSignal(frames * channels, 31)
-                                                          : codeGridSignal(frames * channels, 31);
-    const auto ours = readThroughConverter(*format(), writeThroughConverter(*format(), values));
-    const auto soxBytes = sox(bytesOf(values, false), soxFloat, c.sox, channels);
-    const auto theirs = readThroughConverter(*format(), soxBytes);
-    expectWithin(ours, theirs, c.step, "sox writing");
-}
+INSTANTIATE_TEST_SUITE_P(KROAudioConverter, KROAudioConverterFormats,
+                         testing::ValuesIn(kOracleCases),
+                         [](const auto& info) { return std::string(info.param.name); });
 
-INSTANTIATE_TEST_SUITE_P(Part_1_4, Part_1_4_Oracle, testing::ValuesIn(oracleCases),
-                         [](const testing::TestParamInfo<OracleCase>& info) {
-                             return std::string(info.param.name);
-                         });
-
-TEST(Part_1_4, EveryMuLawAndALawCodeDecodesAsSoxDecodesIt) {
-    std::vector<std::uint8_t> codes(256);
-    for (int i = 0; i < 256; ++i) {
-        codes[i] = std::uint8_t(i);
-    }
+// Every code decodes as sox decodes it, through the standard tables.
+TEST(KROAudioConverter, EveryMuLawAndALawCodeDecodesAsSoxDecodesIt) {
+    Bytes codes(256);
+    std::iota(codes.begin(), codes.end(), 0);
     for (const bool muLaw : {true, false}) {
+        SCOPED_TRACE(muLaw ? "mu-law" : "A-law");
         const auto format = fileFormat(muLaw ? kAudioFormatULaw : kAudioFormatALaw, 0, 8, 1);
-        const auto ours = readThroughConverter(*format, codes);
-        const auto theirs =
-            floatsOf(sox(codes, muLaw ? "-e u-law -b 8" : "-e a-law -b 8", soxFloat, 1));
-        EXPECT_EQ(ours, theirs) << (muLaw ? "mu-law" : "A-law");
+        const auto ours = readThrough(*format, codes);
+        EXPECT_EQ(ours, valuesOf<float>(sox(codes, muLaw ? "-e u-law" : "-e a-law", kSoxFloat, 1)));
         for (int i = 0; i < 256; ++i) {
             const int linear =
                 muLaw ? KROMuLawToLinear(std::uint8_t(i)) : KROALawToLinear(std::uint8_t(i));
@@ -740,420 +317,436 @@ TEST(Part_1_4, EveryMuLawAndALawCodeDecodesAsSoxDecodesIt) {
     }
 }
 
-// sox rounds to 14 (mu-law) or 13 (A-law) bits too, but exact ties up; at a
-// tie this path rounds to even, and the code is the standard algorithm's.
-TEST(Part_1_4, EverySixteenBitValueEncodesToTheMuLawAndALawCodesOfSox) {
+// Every 16-bit value codes as sox codes it, but at an exact tie of the 14
+// (mu-law) or 13 (A-law) kept bits this path rounds to even where sox rounds up.
+TEST(KROAudioConverter, EverySixteenBitValueEncodesAsSoxEncodesIt) {
     std::vector<float> values(65536);
     for (int i = 0; i < 65536; ++i) {
         values[i] = float(i - 32768) / 32768;
     }
     for (const bool muLaw : {true, false}) {
+        SCOPED_TRACE(muLaw ? "mu-law" : "A-law");
         const int unit = muLaw ? 4 : 8;
-        const auto format = fileFormat(muLaw ? kAudioFormatULaw : kAudioFormatALaw, 0, 8, 1);
-        const auto ours = writeThroughConverter(*format, values);
-        const auto theirs =
-            sox(bytesOf(values, false), soxFloat, muLaw ? "-e u-law -b 8" : "-e a-law -b 8", 1);
+        const auto ours =
+            writeThrough(*fileFormat(muLaw ? kAudioFormatULaw : kAudioFormatALaw, 0, 8, 1), values);
+        const auto theirs = sox(bytesOf(values), kSoxFloat, muLaw ? "-e u-law" : "-e a-law", 1);
         ASSERT_EQ(ours.size(), theirs.size());
         std::size_t differences = 0;
-        for (int i = 0; i < 65536; ++i) {
-            const int linear = i - 32768;
-            const bool tie = ((linear % unit) + unit) % unit == unit / 2;
-            if (!tie) {
+        for (int linear = -32768; linear < 32768; ++linear) {
+            const std::size_t i = std::size_t(linear + 32768);
+            if (((linear % unit) + unit) % unit != unit / 2) {
                 differences += ours[i] != theirs[i];
                 continue;
             }
             const int below = linear - unit / 2;
-            const int even = (below / unit) % 2 == 0 ? below : below + unit;
-            const int rounded = std::min(even, 32768 - unit);
-            EXPECT_EQ(ours[i], muLaw ? KROLinearToMuLaw(std::int16_t(rounded))
-                                     : KROLinearToALaw(std::int16_t(rounded)));
+            const int even = std::min((below / unit) % 2 == 0 ? below : below + unit, 32768 - unit);
+            EXPECT_EQ(ours[i], muLaw ? KROLinearToMuLaw(std::int16_t(even))
+                                     : KROLinearToALaw(std::int16_t(even)));
         }
-        EXPECT_EQ(differences, 0u) << (muLaw ? "mu-law" : "A-law");
+        EXPECT_EQ(differences, 0u);
     }
 }
 
-// ---- The operations of Algorithms 1 to 6 -------------------------------------
+// To integers: scaled by 2^(n-1), clipped, rounded to nearest with ties to
+// even, NaN to 0; full scale is the largest integer at every width; unsigned
+// integers are offset by half their range.
+TEST(KROAudioConverter, FloatsBecomeIntegersRoundedToEvenAndClipped) {
+    const std::vector<float> values{
+        0.5f / 32768, 1.5f / 32768, -2.5f / 32768, -0.5f / 32768,   1, -1, 2, -2,
+        kInfinity,    -kInfinity,   kNaN,          32767.4f / 32768};
+    EXPECT_EQ(valuesOf<std::int16_t>(writeThrough(*integers(16, 0, 1), values)),
+              (std::vector<std::int16_t>{0, 2, -2, 0, 32767, -32768, 32767, -32768, 32767, -32768,
+                                         0, 32767}));
+    EXPECT_EQ(valuesOf<std::int32_t>(writeThrough(*integers(32, 0, 1), {1, -1})),
+              (std::vector<std::int32_t>{std::numeric_limits<std::int32_t>::max(),
+                                         std::numeric_limits<std::int32_t>::min()}));
+    EXPECT_EQ(writeThrough(*integers(24, 0, 1), {1, -1}), (Bytes{0xFF, 0xFF, 0x7F, 0, 0, 0x80}));
+    const auto u8 = fileFormat(kAudioFormatLinearPCM, 0, 8, 1);
+    EXPECT_EQ(writeThrough(*u8, {1, -1, 0}), (Bytes{255, 0, 128}));
+    const auto u16 = fileFormat(kAudioFormatLinearPCM, kAudioFormatFlagIsPacked, 16, 1);
+    const Bytes containers = bytesOf(std::vector<std::uint16_t>{0x8000, 0, 0xFFFF});
+    EXPECT_EQ(readThrough(*u16, containers), (std::vector<float>{0, -1, 32767.0f / 32768}));
+    EXPECT_EQ(readThrough(*u16, containers),
+              valuesOf<float>(sox(containers, "-e unsigned-integer -b 16 -L", kSoxFloat, 1)));
+}
 
-TEST(Part_1_4, ConvertInputToAudioBufferTakesTheFrameCountFromTheDestination) {
-    const auto converter = makeConverter(*integerFormat(16), *workingFormat());
+// 12 bits in 16-bit containers, as a caller sets them: aligned high the value
+// sits in the top bits, aligned low in the bottom ones.
+TEST(KROAudioConverter, IntegersNarrowerThanTheirContainersAlignHighOrLow) {
+    for (const bool high : {true, false}) {
+        SCOPED_TRACE(high ? "high" : "low");
+        const auto format = integers(16, 0, 1);
+        format->basicDescription()->mBitsPerChannel = 12;
+        format->basicDescription()->mFormatFlags =
+            kAudioFormatFlagIsSignedInteger | (high ? kAudioFormatFlagIsAlignedHigh : 0);
+        const auto containers = high ? std::vector<std::int16_t>{0x7FF0, -0x8000, 0x0010, 0x7FFF}
+                                     : std::vector<std::int16_t>{0x07FF, -0x0800, 0x0001, 0x0FFF};
+        EXPECT_EQ(readThrough(*format, bytesOf(containers)),
+                  (std::vector<float>{2047.0f / 2048, -1, 1.0f / 2048,
+                                      high ? 2047.0f / 2048 : -1.0f / 2048}));
+        EXPECT_EQ(valuesOf<std::int16_t>(
+                      writeThrough(*format, {2047.0f / 2048, -1, 1.0f / 2048, 0.99999f})),
+                  high ? (std::vector<std::int16_t>{0x7FF0, -0x8000, 0x0010, 0x7FF0})
+                       : (std::vector<std::int16_t>{0x07FF, -0x0800, 0x0001, 0x07FF}));
+    }
+}
+
+// Interleaving over many channels against sox, integers to integers exactly,
+// and the stereo fast paths against the general path through 64-bit floats,
+// with ties, NaN, infinities and overloads, at a frame count that leaves a tail.
+TEST(KROAudioConverter, EveryPathGivesTheSameValues) {
+    for (const std::uint32_t channels : {1u, 3u, 6u}) {
+        const auto format = integers(24, 0, channels);
+        const auto bytes = randomBytes(3 * channels * 333, channels);
+        const auto values = readThrough(*format, bytes);
+        const auto theirs = sox(bytes, "-e signed-integer -b 24 -L", kSoxFloat, channels);
+        expectWithin(values, valuesOf<float>(theirs), 0x1p-23);
+        EXPECT_EQ(writeThrough(*format, values), bytes);
+    }
+    const auto f64 = fileFormat(kAudioFormatLinearPCM, kFloat, 64, 2);
+    const auto bytes = randomBytes(4 * 2 * 5000, 5);
+    EXPECT_EQ(convertBytes(f64, integers(32),
+                           convertBytes(integers(32), f64, bytes, 2 * bytes.size()), bytes.size()),
+              bytes);
+    std::vector<float> values = gridSignal(2 * 1001, 41, true);
+    const float specials[] = {0.5f / 32768,
+                              1.5f / 32768,
+                              -2.5f / 32768,
+                              0.5f / 8388608,
+                              -1.5f / 8388608,
+                              kNaN,
+                              kInfinity,
+                              -kInfinity,
+                              2,
+                              -2};
+    for (std::size_t i = 0; i < std::size(specials); ++i) {
+        values[100 + 7 * i] = values[values.size() - 1 - i] = specials[i];
+    }
+    const auto doubles = writeThrough(*f64, values);
+    for (const std::uint32_t bits : {8u, 16u, 24u, 32u}) {
+        SCOPED_TRACE(bits);
+        const auto format = integers(bits, bits == 24 ? kBig : 0);
+        const auto direct = writeThrough(*format, values);
+        EXPECT_EQ(direct, convertBytes(f64, format, doubles, direct.size()));
+        const auto wide = valuesOf<double>(convertBytes(format, f64, direct, doubles.size()));
+        EXPECT_EQ(readThrough(*format, direct), std::vector<float>(wide.begin(), wide.end()));
+    }
+}
+
+// Each operation on its own path: the read path takes its frame count from the
+// destination; a raw non-interleaved asset converts through the source's own
+// list; whole lists convert buffer by buffer, also in place; the write path
+// gives the packets it wrote.
+TEST(KROAudioConverter, EachOperationConvertsWhatItIsGiven) {
+    const auto read = converter(integers(16), working());
     const std::vector<std::int16_t> samples{16384, -16384, 8192, -8192, 4096, -4096};
-    const auto list = audioList(2, 8);
+    const auto list = makeList(2, 8);
     ASSERT_TRUE(list->setFrames(2));
-    KROErrorPtr error;
-    ASSERT_TRUE(converter->convertInput(samples.data(), 12, *list, &error));
-    EXPECT_EQ(list->frames(), 2u);
-    EXPECT_EQ(list->valueAtFrame(0, 0), 0.5f);
-    EXPECT_EQ(list->valueAtFrame(0, 1), -0.5f);
-    EXPECT_EQ(list->valueAtFrame(1, 0), 0.25f);
-    EXPECT_EQ(list->valueAtFrame(2, 0), 0.0f);
-}
+    ASSERT_TRUE(read->convertInput(samples.data(), 12, *list));
+    EXPECT_EQ(samplesOf(*list, 1), (std::vector<float>{-0.5f, -0.25f, 0, 0, 0, 0, 0, 0}));
 
-TEST(Part_1_4, ConvertInputWithTooFewBytesForTheDestinationFailsWithInsz) {
-    const auto converter = makeConverter(*integerFormat(16), *workingFormat());
-    const std::vector<std::uint8_t> bytes(4 * 10 - 1);
-    const auto list = audioList(2, 10);
-    KROErrorPtr error;
-    EXPECT_FALSE(converter->convertInput(bytes.data(), bytes.size(), *list, &error));
-    expectConverterError(error, code("insz"));
-}
-
-TEST(Part_1_4, ConvertInputToADestinationOfAnotherChannelCountFailsWithParamError) {
-    const auto converter = makeConverter(*integerFormat(16), *workingFormat());
-    const std::vector<std::uint8_t> bytes(4 * 10);
-    const auto list = audioList(3, 10);
-    KROErrorPtr error;
-    EXPECT_FALSE(converter->convertInput(bytes.data(), bytes.size(), *list, &error));
-    expectConverterError(error, kAudio_ParamError);
-    EXPECT_EQ(list->maximum(), 0.0f);
-}
-
-TEST(Part_1_4, ConvertBufferToAudioBufferReadsTheSourcesOwnList) {
-    // Part 6.5: a raw non-interleaved asset to the working format.
-    const auto source = integerFormat(16, kAudioFormatFlagIsNonInterleaved);
-    ASSERT_EQ(source->basicDescription()->mBytesPerFrame, 2u);
-    const auto converter = makeConverter(*source, *workingFormat());
     const auto raw = KROBufferList::bufferListWithNumberOfBuffers(2, 8);
-    const std::int16_t left[] = {16384, 0, -32768, 1};
-    const std::int16_t right[] = {-16384, 8192, 32767, 0};
-    std::memcpy(raw->bufferAtIndex(0), left, 8);
-    std::memcpy(raw->bufferAtIndex(1), right, 8);
-    const auto list = audioList(2, 4);
-    KROErrorPtr error;
-    ASSERT_TRUE(converter->convertBufferToAudioBuffer(*raw, *list, &error));
-    EXPECT_EQ(list->valueAtFrame(0, 0), 0.5f);
-    EXPECT_EQ(list->valueAtFrame(2, 0), -1.0f);
-    EXPECT_EQ(list->valueAtFrame(1, 1), 0.25f);
-    EXPECT_EQ(list->valueAtFrame(2, 1), 32767.0f / 32768);
-    const auto three = KROBufferList::bufferListWithNumberOfBuffers(3, 8);
-    EXPECT_FALSE(converter->convertBufferToAudioBuffer(*three, *list, &error));
-    expectConverterError(error, kAudio_ParamError);
-}
+    std::memcpy(raw->bufferAtIndex(0), std::array<std::int16_t, 4>{16384, 0, -32768, 1}.data(), 8);
+    std::memcpy(raw->bufferAtIndex(1), std::array<std::int16_t, 4>{-16384, 8192, 32767, 0}.data(),
+                8);
+    const auto asset = makeList(2, 4);
+    ASSERT_TRUE(converter(integers(16, kAudioFormatFlagIsNonInterleaved), working())
+                    ->convertBufferToAudioBuffer(*raw, *asset));
+    EXPECT_EQ(samplesOf(*asset, 0), (std::vector<float>{0.5f, 0, -1, 1.0f / 32768}));
+    EXPECT_EQ(samplesOf(*asset, 1), (std::vector<float>{-0.5f, 0.25f, 32767.0f / 32768, 0}));
 
-TEST(Part_1_4, ConvertBufferToBufferConvertsEachBufferWithTheListsLengths) {
-    const auto output = workingFormat();
-    output->setFlags(kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsNonInterleaved);
-    output->setBitDepth(32);
-    const auto converter = makeConverter(*workingFormat(), *output);
-    const auto source = audioList(2, 3);
-    source->setValue(0.5f, 0, 0);
-    source->setValue(-1.0f, 2, 1);
-    const auto destination = audioList(2, 3);
-    KROErrorPtr error;
-    ASSERT_TRUE(converter->convertBuffer(*source, *destination, &error));
-    std::int32_t words[3];
-    std::memcpy(words, destination->bufferAtIndex(0), sizeof words);
-    EXPECT_EQ(words[0], 1 << 30);
-    std::memcpy(words, destination->bufferAtIndex(1), sizeof words);
-    EXPECT_EQ(words[2], std::numeric_limits<std::int32_t>::min());
-}
-
-TEST(Part_1_4, ConvertBufferInPlaceConvertsTheListIntoItself) {
-    const auto integer = workingFormat();
-    integer->setFlags(kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsNonInterleaved);
-    const auto toIntegers = makeConverter(*workingFormat(), *integer);
-    const auto toFloats = makeConverter(*integer, *workingFormat());
-    const auto list = audioList(2, 1000);
+    const auto words = working();
+    words->setFlags(kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsNonInterleaved);
+    const auto ramp = makeList(2, 1000);
     for (std::uint64_t frame = 0; frame < 1000; ++frame) {
-        list->setValue(float(frame) / 1000, frame, 0);
-        list->setValue(-float(frame) / 1000, frame, 1);
+        ramp->setValue(float(frame) / 1000, frame, 0);
+        ramp->setValue(-float(frame) / 1000, frame, 1);
     }
-    ASSERT_TRUE(toIntegers->convertBufferInPlace(*list));
-    std::int32_t word;
-    std::memcpy(&word, static_cast<const std::uint8_t*>(list->bufferAtIndex(0)) + 4 * 500, 4);
-    EXPECT_EQ(word, 1 << 30);
-    ASSERT_TRUE(toFloats->convertBufferInPlace(*list));
+    const auto copy = makeList(2, 1000);
+    ASSERT_TRUE(converter(working(), words)->convertBuffer(*ramp, *copy));
+    EXPECT_EQ(static_cast<const std::int32_t*>(copy->bufferAtIndex(0))[500], 1 << 30);
+    ASSERT_TRUE(converter(words, working())->convertBufferInPlace(*copy));
     for (std::uint64_t frame = 0; frame < 1000; frame += 37) {
-        EXPECT_NEAR(list->valueAtFrame(frame, 0), float(frame) / 1000, 1e-7);
-        EXPECT_NEAR(list->valueAtFrame(frame, 1), -float(frame) / 1000, 1e-7);
+        EXPECT_NEAR(copy->valueAtFrame(frame, 1), ramp->valueAtFrame(frame, 1), 1e-7);
     }
-}
 
-TEST(Part_1_4, ConvertInPlaceWorksOnFloatsOfTheSameWidth) {
-    const auto swapped = workingFormat(1);
-    swapped->setFlags(kAudioFormatFlagIsFloat | kAudioFormatFlagIsBigEndian |
-                      kAudioFormatFlagIsNonInterleaved);
-    const auto converter = makeConverter(*workingFormat(1), *swapped);
-    std::vector<float> data{1.0f, -0.5f, 0.25f};
-    ASSERT_TRUE(converter->convertInPlace(data.data(), data.size()));
-    std::uint32_t word;
-    std::memcpy(&word, &data[0], 4);
-    EXPECT_EQ(word, __builtin_bswap32(std::bit_cast<std::uint32_t>(1.0f)));
-    std::vector<float> back(3);
-    ASSERT_TRUE(makeConverter(*swapped, *workingFormat(1))
-                    ->convertInputInFrames(data.data(), 3, back.data(), 3));
+    const auto swapped = working(1);
+    swapped->setFlags(kAudioFormatFlagIsFloat | kBig | kAudioFormatFlagIsNonInterleaved);
+    std::vector<float> data{1.0f, -0.5f, 0.25f}, back(3);
+    ASSERT_TRUE(converter(working(1), swapped)->convertInPlace(data.data(), data.size()));
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(data[0]),
+              __builtin_bswap32(std::bit_cast<std::uint32_t>(1.0f)));
+    ASSERT_TRUE(
+        converter(swapped, working(1))->convertInputInFrames(data.data(), 3, back.data(), 3));
     EXPECT_EQ(back, (std::vector<float>{1.0f, -0.5f, 0.25f}));
-}
 
-TEST(Part_1_4, ConvertInputInBytesShrinksInPlaceAndRefusesToGrowInPlace) {
-    const auto converter = makeConverter(*integerFormat(32), *integerFormat(16));
-    std::vector<std::int32_t> words{1 << 30, -(1 << 30), 1 << 29, 0};
-    ASSERT_TRUE(converter->convertInputInBytes(words.data(), 16, words.data(), 16));
-    std::int16_t halves[4];
-    std::memcpy(halves, words.data(), 8);
-    EXPECT_EQ(halves[0], 1 << 14);
-    EXPECT_EQ(halves[1], -(1 << 14));
-    EXPECT_EQ(halves[2], 1 << 13);
-    const auto grow = makeConverter(*integerFormat(16), *integerFormat(32));
-    std::vector<std::int32_t> room(8);
-    KROErrorPtr error;
-    EXPECT_FALSE(grow->convertInputInBytes(room.data(), 8, room.data() + 1, 16, &error));
-    expectConverterError(error, kAudio_ParamError);
-}
+    std::vector<std::int32_t> shrinking{1 << 30, -(1 << 30), 1 << 29, 0};
+    ASSERT_TRUE(converter(integers(32), integers(16))
+                    ->convertInputInBytes(shrinking.data(), 16, shrinking.data(), 16));
+    const auto halves = valuesOf<std::int16_t>(bytesOf(shrinking));
+    EXPECT_EQ(std::vector<std::int16_t>(halves.begin(), halves.begin() + 4),
+              (std::vector<std::int16_t>{1 << 14, -(1 << 14), 1 << 13, 0}));
 
-TEST(Part_1_4, LengthsThatAreNotWholeFramesFailWithInsz) {
-    const auto converter = makeConverter(*integerFormat(24), *integerFormat(16));
-    const std::vector<std::uint8_t> input(6 * 4 + 1);
-    std::vector<std::uint8_t> output(4 * 4);
-    KROErrorPtr error;
-    EXPECT_FALSE(converter->convertInputInBytes(input.data(), input.size(), output.data(),
-                                                output.size(), &error));
-    expectConverterError(error, code("insz"));
-    EXPECT_TRUE(std::all_of(output.begin(), output.end(), [](auto b) { return b == 0; }));
-    EXPECT_TRUE(converter->convertInputInBytes(input.data(), 24, output.data(), output.size()));
-}
-
-TEST(Part_1_4, AnOutputThatCannotHoldTheFramesFailsWithOtsz) {
-    const auto converter = makeConverter(*integerFormat(16), *integerFormat(24));
-    const std::vector<std::uint8_t> input(4 * 4, 0x11);
-    std::vector<std::uint8_t> output(6 * 4 - 1);
-    KROErrorPtr error;
-    EXPECT_FALSE(converter->convertInputInBytes(input.data(), input.size(), output.data(),
-                                                output.size(), &error));
-    expectConverterError(error, code("otsz"));
-    EXPECT_TRUE(std::all_of(output.begin(), output.end(), [](auto b) { return b == 0; }));
-}
-
-TEST(Part_1_4, ConvertInputInBytesBetweenBuffersOfDifferentLayoutsFailsWithOp) {
-    const auto converter = makeConverter(*integerFormat(16), *workingFormat());
-    const std::vector<std::uint8_t> input(16);
-    std::vector<float> output(8);
-    KROErrorPtr error;
-    EXPECT_FALSE(converter->convertInputInBytes(input.data(), input.size(), output.data(),
-                                                output.size() * 4, &error));
-    expectConverterError(error, code("op??"));
-}
-
-TEST(Part_1_4, ConvertAudioBufferWritesTheFileFormatAndReturnsThePackets) {
-    const auto converter = makeConverter(*workingFormat(), *integerFormat(16, big));
-    const auto source = audioList(2, 3);
+    const auto source = makeList(2, 3);
     source->setValue(0.5f, 0, 0);
     source->setValue(-0.5f, 0, 1);
     source->setValue(1.0f, 2, 1);
-    const auto destination = KROBufferList::bufferListWithNumberOfBuffers(1, 12);
-    KROErrorPtr error;
-    EXPECT_EQ(converter->convertAudioBuffer(*source, *destination, &error), 3u);
-    const auto* bytes = static_cast<const std::uint8_t*>(destination->bufferAtIndex(0));
-    EXPECT_EQ(std::vector<std::uint8_t>(bytes, bytes + 12),
-              (std::vector<std::uint8_t>{0x40, 0x00, 0xC0, 0x00, 0, 0, 0, 0, 0, 0, 0x7F, 0xFF}));
-}
-
-TEST(Part_1_4, ConvertAudioBufferFromASourceOfAnotherChannelCountFailsWithParamError) {
-    const auto converter = makeConverter(*workingFormat(), *integerFormat(16));
-    const auto source = audioList(3, 4);
-    const auto destination = KROBufferList::bufferListWithNumberOfBuffers(1, 16);
-    KROErrorPtr error;
-    EXPECT_EQ(converter->convertAudioBuffer(*source, *destination, &error), 0u);
-    expectConverterError(error, kAudio_ParamError);
+    const auto file = KROBufferList::bufferListWithNumberOfBuffers(1, 12);
+    EXPECT_EQ(converter(working(), integers(16, kBig))->convertAudioBuffer(*source, *file), 3u);
+    const auto* written = static_cast<const std::uint8_t*>(file->bufferAtIndex(0));
+    EXPECT_EQ(Bytes(written, written + 12),
+              (Bytes{0x40, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0, 0x7F, 0xFF}));
 }
 
 namespace {
 
-// The caller's pull function of Algorithm 6: hands out an interleaved
-// 16-bit stream in pieces of at most `piece` packets, then none.
+// A pull function that hands out an interleaved 16-bit stream in pieces of
+// at most piece packets, then none; or fails with its failure status.
 struct Feed {
     const std::int16_t* samples;
-    std::uint32_t frames;
-    std::uint32_t piece;
-    std::uint32_t position = 0;
-    std::uint32_t calls = 0;
+    std::uint32_t frames, piece, position = 0, calls = 0;
     OSStatus failure = noErr;
 
     static OSStatus pull(AudioConverterRef, std::uint32_t* packets, AudioBufferList* data,
                          AudioStreamPacketDescription**, void* self) {
         auto& feed = *static_cast<Feed*>(self);
         ++feed.calls;
-        if (feed.failure != noErr) {
-            *packets = 0;
-            return feed.failure;
-        }
-        const std::uint32_t count = std::min({*packets, feed.piece, feed.frames - feed.position});
+        const std::uint32_t count =
+            feed.failure ? 0 : std::min({*packets, feed.piece, feed.frames - feed.position});
         KROAudioBufferAt(*data, 0) =
             AudioBuffer{2, count * 4, const_cast<std::int16_t*>(feed.samples + 2 * feed.position)};
         feed.position += count;
         *packets = count;
-        return noErr;
+        return feed.failure;
     }
 };
 
 } // namespace
 
-TEST(Part_1_4, ConvertToAudioBufferUsingCallbackPullsUntilTheDestinationIsFull) {
+// The callback is pulled until the destination is full; a count below the
+// request is the end of the data.
+TEST(KROAudioConverter, TheCallbackIsPulledUntilTheDestinationIsFull) {
     std::vector<std::int16_t> samples(2 * 1000);
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-        samples[i] = std::int16_t(i * 31);
-    }
-    Feed feed{samples.data(), 1000, 300};
-    const auto converter = makeConverter(*integerFormat(16), *workingFormat());
-    converter->setCallback(Feed::pull, &feed);
-    const auto list = audioList(2, 512);
-    KROErrorPtr error;
-    EXPECT_EQ(converter->convertToAudioBufferUsingCallback(*list, &error), 512u);
+    std::iota(samples.begin(), samples.end(), std::int16_t(-1000));
+    Feed feed{samples.data(), 750, 300};
+    const auto pulling = converter(integers(16), working());
+    pulling->setCallback(Feed::pull, &feed);
+    const auto list = makeList(2, 512);
+    EXPECT_EQ(pulling->convertToAudioBufferUsingCallback(*list), 512u);
     EXPECT_EQ(feed.calls, 2u);
-    EXPECT_EQ(list->valueAtFrame(511, 1), float(samples[2 * 511 + 1]) / 32768);
     EXPECT_EQ(list->valueAtFrame(300, 0), float(samples[600]) / 32768);
+    EXPECT_EQ(list->valueAtFrame(511, 1), float(samples[1023]) / 32768);
+    EXPECT_EQ(pulling->convertToAudioBufferUsingCallback(*list), 238u);
+    EXPECT_EQ(list->frames(), 238u);
+    EXPECT_EQ(list->valueAtFrame(237, 1), float(samples[1499]) / 32768);
+    ASSERT_TRUE(list->setFrames(512));
+    EXPECT_EQ(pulling->convertToAudioBufferUsingCallback(*list), 0u);
 }
 
-TEST(Part_1_4, ACountBelowTheRequestMeansTheEndOfTheData) {
-    std::vector<std::int16_t> samples(2 * 750, 4096);
-    Feed feed{samples.data(), 750, 256};
-    const auto converter = makeConverter(*integerFormat(16), *workingFormat());
-    converter->setCallback(Feed::pull, &feed);
-    const auto list = audioList(2, 1000);
-    EXPECT_EQ(converter->convertToAudioBufferUsingCallback(*list), 750u);
-    EXPECT_EQ(list->frames(), 750u);
-    EXPECT_EQ(list->valueAtFrame(749, 1), 0.125f);
-    EXPECT_TRUE(list->setFrames(1000));
-    EXPECT_EQ(converter->convertToAudioBufferUsingCallback(*list), 0u);
-}
-
-TEST(Part_1_4, AFailingCallbackGives0AndItsStatus) {
-    std::vector<std::int16_t> samples(2 * 10);
-    Feed feed{samples.data(), 10, 10};
-    feed.failure = static_cast<OSStatus>(KROFourCharCode("what"));
-    const auto converter = makeConverter(*integerFormat(16), *workingFormat());
-    converter->setCallback(Feed::pull, &feed);
-    const auto list = audioList(2, 10);
-    KROErrorPtr error;
-    EXPECT_EQ(converter->convertToAudioBufferUsingCallback(*list, &error), 0u);
-    expectConverterError(error, code("what"));
-    converter->setCallback(nullptr, nullptr);
-    EXPECT_EQ(converter->convertToAudioBufferUsingCallback(*list, &error), 0u);
-    expectConverterError(error, kAudio_ParamError);
-}
-
-TEST(Part_1_4, ACallbackThatGivesTooFewBytesFailsWithInsz) {
-    std::vector<std::int16_t> samples(2 * 10);
-    struct Short {
-        static OSStatus pull(AudioConverterRef, std::uint32_t* packets, AudioBufferList* data,
-                             AudioStreamPacketDescription**, void* self) {
-            KROAudioBufferAt(*data, 0) = AudioBuffer{2, 4 * *packets - 2, self};
-            return noErr;
-        }
+// Each refused call gives false or 0 and stores its status as the code, with
+// the converting action; different buffer counts store nothing.
+TEST(KROAudioConverter, RefusedConversionsReportTheirStatus) {
+    std::vector<std::int16_t> samples(2 * 16);
+    Feed failure{samples.data(), 16, 16, 0, 0, code("what")};
+    const auto shortPull = [](AudioConverterRef, std::uint32_t* packets, AudioBufferList* data,
+                              AudioStreamPacketDescription**, void* self) -> OSStatus {
+        KROAudioBufferAt(*data, 0) = AudioBuffer{2, 4 * *packets - 2, self};
+        return noErr;
     };
-    const auto converter = makeConverter(*integerFormat(16), *workingFormat());
-    converter->setCallback(Short::pull, samples.data());
-    const auto list = audioList(2, 10);
+    const auto read = converter(integers(16), working());
+    const auto write = converter(working(), integers(16));
+    const auto raw = converter(integers(16, kAudioFormatFlagIsNonInterleaved), working());
+    const auto narrow = converter(integers(24), integers(16));
+    const auto wide = converter(integers(16), integers(32));
+    const auto failing = converter(integers(16), working());
+    failing->setCallback(Feed::pull, &failure);
+    const auto shortPulling = converter(integers(16), working());
+    shortPulling->setCallback(shortPull, samples.data());
+    const std::int32_t param = kAudio_ParamError;
+    const Bytes in(64, 0x11);
+    Bytes out(64);
+    const std::uint8_t* i = in.data();
+    std::uint8_t* o = out.data();
+    const auto two = makeList(2, 10);
+    const auto three = makeList(3, 10);
+    const auto file = KROBufferList::bufferListWithNumberOfBuffers(1, 9 * 4);
+    const std::pair<std::int32_t, std::function<bool(KROErrorPtr*)>> cases[] = {
+        {code("insz"), [&](auto* e) { return read->convertInput(i, 39, *two, e); }},
+        {code("insz"), [&](auto* e) { return narrow->convertInputInBytes(i, 25, o, 64, e); }},
+        {code("insz"),
+         [&](auto* e) { return shortPulling->convertToAudioBufferUsingCallback(*two, e); }},
+        {code("otsz"), [&](auto* e) { return wide->convertInputInBytes(i, 16, o, 31, e); }},
+        {code("otsz"), [&](auto* e) { return write->convertAudioBuffer(*two, *file, e) != 0; }},
+        {code("op??"), [&](auto* e) { return read->convertInputInBytes(i, 16, o, 32, e); }},
+        {code("what"),
+         [&](auto* e) { return failing->convertToAudioBufferUsingCallback(*two, e); }},
+        {param, [&](auto* e) { return wide->convertInputInBytes(o, 8, o + 4, 16, e); }},
+        {param, [&](auto* e) { return read->convertInput(i, 40, *three, e); }},
+        {param, [&](auto* e) { return write->convertAudioBuffer(*three, *file, e) != 0; }},
+        {param, [&](auto* e) { return raw->convertBufferToAudioBuffer(*three, *two, e); }},
+        {param, [&](auto* e) { return read->convertToAudioBufferUsingCallback(*two, e); }},
+        {param, [&](auto* e) { return KROAudioConverter().convertBufferInPlace(*two, e); }},
+    };
+    for (std::size_t row = 0; row < std::size(cases); ++row) {
+        SCOPED_TRACE(row);
+        const auto& [status, convert] = cases[row];
+        ASSERT_TRUE(two->setFrames(10));
+        KROErrorPtr error;
+        EXPECT_FALSE(convert(&error));
+        ASSERT_NE(error, nullptr);
+        EXPECT_EQ(error->className(), "KROAudioConverterError");
+        EXPECT_EQ(error->code(), status);
+        const std::string action = KROLocalizedString("KROAudioConverter_action_converting");
+        EXPECT_EQ(error->description().rfind(action, 0), 0u);
+        EXPECT_EQ(out, Bytes(64));
+        EXPECT_EQ(samplesOf(*two), samplesOf(*makeList(2, 10)));
+        EXPECT_EQ(*static_cast<const std::uint32_t*>(file->bufferAtIndex(0)), 0u);
+        EXPECT_FALSE(convert(nullptr));
+    }
     KROErrorPtr error;
-    EXPECT_EQ(converter->convertToAudioBufferUsingCallback(*list, &error), 0u);
-    expectConverterError(error, code("insz"));
+    EXPECT_FALSE(converter(working(), working())->convertBuffer(*two, *three, &error));
+    EXPECT_FALSE(converter(working(), working())->convertBuffer(*three, *two, &error));
+    EXPECT_EQ(error, nullptr);
 }
 
-// ---- Layouts ---------------------------------------------------------------
-
-TEST(Part_1_4, ManyChannelsInterleaveAndDeinterleave) {
-    for (const std::uint32_t channels : {1u, 3u, 6u}) {
-        const auto format = integerFormat(24, 0, channels);
-        const auto bytes = randomBytes(3 * channels * 333, channels);
-        const auto values = readThroughConverter(*format, bytes);
-        const auto theirs = floatsOf(sox(bytes, "-e signed-integer -b 24 -L", soxFloat, channels));
-        expectWithin(values, theirs, 0x1p-23, "sox");
-        EXPECT_EQ(writeThroughConverter(*format, values), bytes);
+// A format outside the linear PCM path fails at construction with 'fmt?', a
+// change of rate or channels with 'op??', each with its own reason.
+TEST(KROAudioConverter, UnsupportedFormatsFailAtConstruction) {
+    const std::function<void(AudioStreamBasicDescription&)> changes[] = {
+        [](auto& r) { r.mFormatID = kAudioFormatAppleIMA4; },
+        [](auto& r) { r.mFormatID = kAudioFormatMPEG4AAC; },
+        [](auto& r) { r.mChannelsPerFrame = 0; },
+        [](auto& r) { r.mChannelsPerFrame = 0xFFFFFFFF; },
+        [](auto& r) { r.mBitsPerChannel = 0; },
+        [](auto& r) { r.mBitsPerChannel = 17; },
+        [](auto& r) { r.mBitsPerChannel = 33; },
+        [](auto& r) { r.mBitsPerChannel = 1000; },
+        [](auto& r) { r.mBitsPerChannel = 0xFFFFFFFF; },
+        [](auto& r) { r.mBytesPerFrame = 0; },
+        [](auto& r) { r.mFramesPerPacket = 0; },
+        [](auto& r) { r.mBytesPerFrame = 3; },
+        [](auto& r) { r.mBytesPerPacket = 8; },
+        [](auto& r) { r.mFramesPerPacket = 2; },
+        [](auto& r) { r.mFormatFlags = kAudioFormatFlagIsFloat; },
+        [](auto& r) {
+            r.mFormatFlags = kAudioFormatFlagIsSignedInteger;
+            r.mBitsPerChannel = 40;
+            r.mBytesPerFrame = r.mBytesPerPacket = 10;
+        },
+    };
+    for (const auto& change : changes) {
+        AudioStreamBasicDescription record = *integers(16)->basicDescription();
+        change(record);
+        const auto format = KROAudioStreamDescription::descriptionWithBasicDescription(record);
+        for (const bool asSource : {true, false}) {
+            KROErrorPtr error;
+            EXPECT_EQ(
+                asSource
+                    ? KROAudioConverter::converterWithSourceFormat(*format, *working(), &error)
+                    : KROAudioConverter::converterWithSourceFormat(*working(), *format, &error),
+                nullptr)
+                << format->description();
+            ASSERT_NE(error, nullptr);
+            EXPECT_EQ(error->code(), code("fmt?"));
+        }
+    }
+    KROErrorPtr error;
+    const auto reason = [](const char* status) {
+        return KROLocalizedString(std::string("KROAudioConverterError_failureReason_") + status);
+    };
+    EXPECT_EQ(KROAudioConverter::converterWithSourceFormat(*integers(12), *working(), &error),
+              nullptr);
+    EXPECT_EQ(error->description(), KROLocalizedString("KROAudioConverter_action_creating") + " " +
+                                        KROLocalizedString("KROError_conjunction") + " " +
+                                        reason("fmt?") + ".");
+    for (const auto& other :
+         {KROAudioStreamDescription::descriptionWithSampleRate(48000, 2), working(3)}) {
+        EXPECT_EQ(KROAudioConverter::converterWithSourceFormat(*integers(16), *other, &error),
+                  nullptr);
+        EXPECT_EQ(error->code(), code("op??"));
+    }
+    for (const char* status : {"fmt?", "op??", "prop", "insz", "otsz", "!siz", "-50", "-108"}) {
+        EXPECT_NE(reason(status), std::string("KROAudioConverterError_failureReason_") + status);
     }
 }
 
-TEST(Part_1_4, IntegersConvertToIntegersExactlyThroughTheGeneralPath) {
-    const auto bytes = randomBytes(4 * 2 * 5000, 5);
-    const auto s32 = integerFormat(32);
-    const auto s32big = integerFormat(32, big);
-    const auto converter = makeConverter(*s32, *s32big);
-    std::vector<std::uint8_t> swapped(bytes.size());
-    ASSERT_TRUE(
-        converter->convertInputInBytes(bytes.data(), bytes.size(), swapped.data(), swapped.size()));
-    for (std::size_t i = 0; i < bytes.size(); i += 4) {
-        ASSERT_TRUE(std::equal(bytes.begin() + i, bytes.begin() + i + 4,
-                               swapped.rbegin() + std::ptrdiff_t(swapped.size() - i - 4)));
-    }
-    const auto f64 = fileFormat(kAudioFormatLinearPCM, floatPacked, 64);
-    std::vector<std::uint8_t> wide(bytes.size() * 2);
-    ASSERT_TRUE(makeConverter(*s32, *f64)
-                    ->convertInputInBytes(bytes.data(), bytes.size(), wide.data(), wide.size()));
-    std::vector<std::uint8_t> back(bytes.size());
-    ASSERT_TRUE(makeConverter(*f64, *s32)
-                    ->convertInputInBytes(wide.data(), wide.size(), back.data(), back.size()));
-    EXPECT_EQ(back, bytes);
+// Equal when the input formats are; the descriptions are new objects read
+// from the converter; properties read back what was written; the dither bit
+// depth writes the dither type and leaves the depth.
+TEST(KROAudioConverter, PropertiesAndEquality) {
+    const auto a = converter(integers(16, kBig), working());
+    EXPECT_TRUE(a->isEqual(*converter(integers(16, kBig), integers(24))));
+    EXPECT_EQ(a->hash(), converter(integers(16, kBig), integers(24))->hash());
+    EXPECT_FALSE(a->isEqual(*converter(integers(24), working())));
+    EXPECT_FALSE(a->isEqual(KROAudioStreamDescription()));
+    EXPECT_FALSE(KROAudioConverter().isEqual(KROAudioConverter()));
+    EXPECT_TRUE(a->inputDescription()->isEqual(*integers(16, kBig)));
+    EXPECT_TRUE(a->outputDescription()->isEqual(*working()));
+    EXPECT_NE(a->inputDescription(), a->inputDescription());
+    EXPECT_EQ(KROAudioConverter().inputDescription(), nullptr);
+
+    const auto c = converter(working(), integers(24));
+    EXPECT_EQ(c->quality(), kAudioConverterQuality_Medium);
+    EXPECT_TRUE(c->setQuality(kAudioConverterQuality_Max));
+    EXPECT_EQ(c->quality(), kAudioConverterQuality_Max);
+    EXPECT_EQ(c->maximumOutputPacketSize(), 6u);
+    EXPECT_EQ(c->bitrate(), 0u);
+    EXPECT_TRUE(c->setDitherBitDepth(16));
+    EXPECT_EQ(c->ditherType(), 16u);
+    EXPECT_EQ(c->ditherBitDepth(), 0u);
+    EXPECT_TRUE(c->setDitherType(2));
+    EXPECT_EQ(c->ditherType(), 2u);
+    EXPECT_TRUE(c->reset());
+    KROErrorPtr error;
+    EXPECT_FALSE(c->setBitrate(128000, &error));
+    EXPECT_EQ(error->code(), code("prop"));
+    EXPECT_TRUE(c->setMagicCookie({}, &error));
+    EXPECT_FALSE(c->setMagicCookie({1, 2, 3}, &error));
+    EXPECT_EQ(error->code(), code("prop"));
+    KROAlertCatcher catcher;
+    EXPECT_FALSE(c->magicCookie().has_value());
+    ASSERT_EQ(catcher.alerts.size(), 1u);
+    EXPECT_EQ(catcher.alerts[0]->code(), code("prop"));
+    EXPECT_EQ(catcher.alerts[0]->description().rfind(
+                  KROLocalizedString("KROAudioConverter_action_gettingMagicCookie"), 0),
+              0u);
+    const std::uint16_t small = 3;
+    EXPECT_EQ(
+        AudioConverterSetProperty(c->converter(), kAudioConverterPropertyDithering, 2, &small),
+        code("!siz"));
+    AudioStreamBasicDescription record{};
+    std::uint32_t size = sizeof record - 1;
+    EXPECT_EQ(AudioConverterGetProperty(
+                  c->converter(), kAudioConverterCurrentInputStreamDescription, &size, &record),
+              code("!siz"));
 }
 
-// The stereo paths of the working format (one pass for both channels, with
-// the vector rounding) against the general path through 64-bit floats, at a
-// frame count that leaves a tail, with ties, NaN, infinities and overloads.
-TEST(Part_1_4, TheStereoPathsGiveTheValuesOfTheGeneralPath) {
-    constexpr std::size_t frames = 1001;
-    std::vector<float> values = clippingSignal(2 * frames, 41);
-    const float specials[] = {0.5f / 32768,
-                              1.5f / 32768,
-                              -2.5f / 32768,
-                              0.5f / 8388608,
-                              -1.5f / 8388608,
-                              std::numeric_limits<float>::quiet_NaN(),
-                              std::numeric_limits<float>::infinity(),
-                              -std::numeric_limits<float>::infinity(),
-                              2.0f,
-                              -2.0f};
-    for (std::size_t i = 0; i < std::size(specials); ++i) {
-        values[100 + 7 * i] = specials[i];
-        values[2 * frames - 1 - i] = specials[i];
-    }
-    const auto f64 = fileFormat(kAudioFormatLinearPCM, floatPacked, 64);
-    const auto wide = writeThroughConverter(*f64, values);
-    for (const std::uint32_t bits : {8u, 16u, 24u, 32u}) {
-        const auto format = integerFormat(bits, bits == 24 ? big : 0);
-        const auto direct = writeThroughConverter(*format, values);
-        std::vector<std::uint8_t> general(direct.size());
-        ASSERT_TRUE(
-            makeConverter(*f64, *format)
-                ->convertInputInBytes(wide.data(), wide.size(), general.data(), general.size()));
-        EXPECT_EQ(direct, general) << bits;
-        const auto read = readThroughConverter(*format, direct);
-        std::vector<std::uint8_t> readWide(wide.size());
-        ASSERT_TRUE(makeConverter(*format, *f64)
-                        ->convertInputInBytes(direct.data(), direct.size(), readWide.data(),
-                                              readWide.size()));
-        std::vector<double> expected(2 * frames);
-        std::memcpy(expected.data(), readWide.data(), readWide.size());
-        EXPECT_EQ(read, std::vector<float>(expected.begin(), expected.end())) << bits;
-    }
-}
-
-// ---- Real time: no allocation on any per-call path ---------------------------
-
-TEST(Part_1_4, TheConversionsAllocateNothing) {
+// Every per-call path allocates nothing, a failure without an out-argument included.
+TEST(KROAudioConverter, ConversionsAllocateNothing) {
     constexpr std::uint32_t frames = 4096;
     const auto bytes = randomBytes(6 * frames, 9);
-    const auto list = audioList(2, frames);
-    const auto read = makeConverter(*integerFormat(24), *workingFormat());
-    const auto write = makeConverter(*workingFormat(), *integerFormat(24, big));
-    const auto general = makeConverter(*integerFormat(24), *integerFormat(16, big));
-    const auto asset = makeConverter(*workingFormat(), *workingFormat());
+    const auto list = makeList(2, frames);
+    const auto copy = makeList(2, frames);
+    const auto read = converter(integers(24), working());
+    const auto write = converter(working(), integers(24, kBig));
+    const auto general = converter(integers(24), integers(16, kBig));
+    const auto asset = converter(working(), working());
     const auto output = KROBufferList::bufferListWithNumberOfBuffers(1, 6 * frames);
-    std::vector<std::uint8_t> shorts(4 * frames);
+    Bytes shorts(4 * frames);
     std::vector<std::int16_t> samples(2 * frames, 77);
     Feed feed{samples.data(), frames, 1000};
-    const auto pull = makeConverter(*integerFormat(16), *workingFormat());
+    const auto pull = converter(integers(16), working());
     pull->setCallback(Feed::pull, &feed);
-    const auto copy = audioList(2, frames);
-    KROErrorPtr error;
     for (int pass = 0; pass < 3; ++pass) {
         feed.position = 0;
-        KRO_EXPECT_NO_ALLOCATION(read->convertInput(bytes.data(), bytes.size(), *list, &error));
-        KRO_EXPECT_NO_ALLOCATION(write->convertAudioBuffer(*list, *output, &error));
+        KRO_EXPECT_NO_ALLOCATION(read->convertInput(bytes.data(), bytes.size(), *list));
+        KRO_EXPECT_NO_ALLOCATION(write->convertAudioBuffer(*list, *output));
         KRO_EXPECT_NO_ALLOCATION(
             general->convertInputInBytes(bytes.data(), bytes.size(), shorts.data(), shorts.size()));
-        KRO_EXPECT_NO_ALLOCATION(pull->convertToAudioBufferUsingCallback(*list, &error));
-        KRO_EXPECT_NO_ALLOCATION(asset->convertBufferToAudioBuffer(*list, *copy, &error));
-        KRO_EXPECT_NO_ALLOCATION(asset->convertBuffer(*list, *copy, &error));
+        KRO_EXPECT_NO_ALLOCATION(pull->convertToAudioBufferUsingCallback(*list));
+        KRO_EXPECT_NO_ALLOCATION(asset->convertBufferToAudioBuffer(*list, *copy));
+        KRO_EXPECT_NO_ALLOCATION(asset->convertBuffer(*list, *copy));
         KRO_EXPECT_NO_ALLOCATION(asset->convertBufferInPlace(*copy));
-        // A failure without an out-argument allocates nothing either.
         KRO_EXPECT_NO_ALLOCATION(read->convertInput(bytes.data(), 5, *list));
     }
-    EXPECT_EQ(error, nullptr);
 }

@@ -1,13 +1,15 @@
-// Part 1.1: errors and localized reporting.
+// Errors and localized texts: the lookup order, the sentence, the class chosen
+// for a platform error, alert and log.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <unistd.h>
 
+#include "KROAlertCatcher.h"
+#include "KROAllocationGuard.h"
 #include "KROAudioStreamBasicDescription.h"
-#include "KROError.h"
+#include "KROErrorFamilies.h"
 #include "KROLog.h"
 
 namespace {
@@ -15,10 +17,12 @@ namespace {
 // Installs a host string table for the life of a test.
 class HostStringTable {
 public:
-    explicit HostStringTable(const KROPropertyList& entries) {
-        path_ = std::filesystem::temp_directory_path() /
-                ("krocore-host-" + std::to_string(::getpid()) + ".strings");
-        EXPECT_TRUE(entries.writeToFile(path_));
+    HostStringTable(std::initializer_list<std::pair<std::string, const char*>> entries) {
+        KROPropertyList table;
+        for (const auto& [key, text] : entries) {
+            table.setObjectForKey(key, text);
+        }
+        EXPECT_TRUE(table.writeToFile(path_));
         KROSetHostStringTablePath(path_);
     }
     ~HostStringTable() {
@@ -27,207 +31,110 @@ public:
     }
 
 private:
-    std::filesystem::path path_;
+    std::filesystem::path path_ = std::filesystem::temp_directory_path() /
+                                  ("krocore-host-" + std::to_string(::getpid()) + ".strings");
 };
 
-KROPropertyList entries(std::initializer_list<std::pair<const char*, const char*>> pairs) {
-    KROPropertyList table;
-    for (const auto& [key, text] : pairs) {
-        table.setObjectForKey(key, text);
-    }
-    return table;
+std::string text(const char* key) {
+    return KROLocalizedString(key);
 }
 
 } // namespace
 
-TEST(Part_1_1, KROLocalizedStringOfAnAbsentKeyIsAbsentOfAnEmptyKeyEmpty) {
+// The library's table first, the host's second, the key itself last; the host
+// can add keys but never replace one of the library's.
+TEST(KROLocalizedString, LooksUpTheLibraryThenTheHostThenGivesTheKey) {
     EXPECT_FALSE(KROLocalizedString(nullptr).has_value());
-    EXPECT_EQ(KROLocalizedString(""), "");
+    EXPECT_EQ(text(""), "");
+    HostStringTable host{{"KROTestHostOnly_key", "Text of the host"}, {"KROError_ok", "Replaced"}};
+    EXPECT_EQ(text("KROError_ok"), "OK");
+    EXPECT_EQ(text("KROError_conjunction"), "failed because");
+    EXPECT_EQ(text("KROTestHostOnly_key"), "Text of the host");
+    EXPECT_EQ(text("KROTestNowhere_key"), "KROTestNowhere_key");
 }
 
-TEST(Part_1_1, KROLocalizedStringReadsTheLibraryTable) {
-    EXPECT_EQ(KROLocalizedString("KROError_ok"), "OK");
-    EXPECT_EQ(KROLocalizedString("KROError_conjunction"), "failed because");
+// The decimal key first, the four-character key second, the default format last.
+TEST(KROError, TheFailureReasonTriesTheDecimalKeyThenTheCharacterKeyThenTheDefault) {
+    const auto abcd = static_cast<std::int32_t>(KROFourCharCode("abcd"));
+    const auto wxyz = static_cast<std::int32_t>(KROFourCharCode("wxyz"));
+    HostStringTable host{
+        {"KROAudioConverterError_failureReason_abcd", "by characters"},
+        {"KROAudioConverterError_failureReason_" + std::to_string(abcd), "by decimal"},
+        {"KROAudioConverterError_failureReason_wxyz", "the wxyz reason"}};
+    EXPECT_EQ(KROAudioConverterError::failureReasonForError(abcd), "by decimal");
+    EXPECT_EQ(KROAudioConverterError::failureReasonForError(wxyz), "the wxyz reason");
+    EXPECT_EQ(KROBufferListError::failureReasonForError(1),
+              text("KROBufferListError_failureReason_1"));
+    EXPECT_NE(text("KROBufferListError_failureReason_1"), "KROBufferListError_failureReason_1");
+    for (const std::int32_t code : {123456, -7}) {
+        EXPECT_EQ(KROAudioStreamError::failureReasonForError(code),
+                  KROStringWithFormatArguments(text("KROError_defaultFailureReason"), code));
+        EXPECT_NE(KROAudioStreamError::failureReasonForError(code).find(std::to_string(code)),
+                  std::string::npos);
+    }
 }
 
-TEST(Part_1_1, AKeyPresentOnlyInTheApplicationsMainTableYieldsThatText) {
-    HostStringTable host(entries({{"KROTestHostOnly_key", "Text of the host"}}));
-    EXPECT_EQ(KROLocalizedString("KROTestHostOnly_key"), "Text of the host");
-}
-
-TEST(Part_1_1, AKeyInNeitherTableYieldsTheKey) {
-    HostStringTable host(entries({{"KROTestHostOnly_key", "Text of the host"}}));
-    EXPECT_EQ(KROLocalizedString("KROTestNowhere_key"), "KROTestNowhere_key");
-}
-
-TEST(Part_1_1, TheHostCannotOverrideWhatTheLibraryDefines) {
-    HostStringTable host(entries({{"KROError_ok", "Overridden"}}));
-    EXPECT_EQ(KROLocalizedString("KROError_ok"), "OK");
-}
-
-TEST(Part_1_1, ACodeOf1InKROBufferListErrorWithAnEntryUnderTheDecimalKeyUsesThatText) {
-    const std::string text = KROLocalizedString("KROBufferListError_failureReason_1");
-    ASSERT_NE(text, "KROBufferListError_failureReason_1");
-    EXPECT_EQ(KROBufferListError::failureReasonForError(1), text);
-    const auto error = KROBufferListError::errorWithCode(1, "Creating the list");
-    EXPECT_EQ(error->failureReason(), text);
-    EXPECT_EQ(error->code(), 1);
-}
-
-TEST(Part_1_1, APlatformCodeOfPrintableCharactersUsesTheCharacterKeysText) {
-    HostStringTable host(
-        entries({{"KROAudioConverterError_failureReason_wxyz", "the wxyz reason"}}));
-    const auto code = static_cast<std::int32_t>(KROFourCharCode("wxyz"));
-    EXPECT_EQ(KROAudioConverterError::failureReasonForError(code), "the wxyz reason");
-}
-
-TEST(Part_1_1, TheDecimalKeyIsTriedBeforeTheCharacterKey) {
-    const auto code = static_cast<std::int32_t>(KROFourCharCode("abcd"));
-    const std::string decimalKey = "KROAudioConverterError_failureReason_" + std::to_string(code);
-    HostStringTable host(entries({{"KROAudioConverterError_failureReason_abcd", "by characters"},
-                                  {decimalKey.c_str(), "by decimal"}}));
-    EXPECT_EQ(KROAudioConverterError::failureReasonForError(code), "by decimal");
-}
-
-TEST(Part_1_1, ACodeWithNoEntryUnderEitherKeyUsesTheDefaultFormatWithTheCode) {
-    const std::string expected =
-        KROStringWithFormatArguments(KROLocalizedString("KROError_defaultFailureReason"), 123456);
-    EXPECT_EQ(KROAudioStreamError::failureReasonForError(123456), expected);
-    EXPECT_NE(expected.find("123456"), std::string::npos);
-    EXPECT_EQ(KROAudioStreamError::failureReasonForError(-7).find("-7") != std::string::npos, true);
-}
-
-TEST(Part_1_1, TheSentenceEndsWithAFullStopAndJoinsItsThreePartsWithSingleBlanks) {
-    const auto error = KROAudioStreamError::errorWithCode(987654, "Building the stream");
-    const std::string reason = KROAudioStreamError::failureReasonForError(987654);
-    EXPECT_EQ(error->description(), "Building the stream failed because " + reason + ".");
-    EXPECT_EQ(error->localizedDescription(), error->description());
-}
-
-TEST(Part_1_1, TheDomainIsTheClassNameFollowedByDomain) {
-    EXPECT_EQ(KROAudioStreamError::errorDomain(), "KROAudioStreamErrorDomain");
-    EXPECT_EQ(KROAudioStreamError::errorWithCode(1, "x")->domain(), "KROAudioStreamErrorDomain");
-    EXPECT_EQ(KROError::errorWithCode(1, "x")->domain(), "KROErrorDomain");
-    EXPECT_EQ(KROAudioStreamError::errorWithCode(1, "x")->className(), "KROAudioStreamError");
-}
-
-TEST(Part_1_1, TheUserInformationHoldsTheFourEntries) {
+TEST(KROError, AnErrorIsOneSentenceWithItsFamilysDomainAndFourEntries) {
     const auto error = KROFileError::errorWithCode(4, "Opening the file");
+    const std::string reason = text("KROFileError_failureReason_4");
+    EXPECT_EQ(error->description(), "Opening the file failed because " + reason + ".");
+    EXPECT_EQ(error->localizedDescription(), error->description());
+    EXPECT_EQ(error->failureReason(), reason);
+    EXPECT_EQ(error->code(), 4);
+    EXPECT_EQ(error->className(), "KROFileError");
+    EXPECT_EQ(error->domain(), "KROFileErrorDomain");
+    EXPECT_EQ(KROAudioStreamError::errorDomain(), "KROAudioStreamErrorDomain");
+    EXPECT_EQ(KROError::errorWithCode(1, "x")->domain(), "KROErrorDomain");
+    // The recovery attempter is the error itself, reached without a stored entry.
     const KROPropertyList& info = error->userInfo();
-    EXPECT_EQ(info.count(), 3u); // the recovery attempter is the error itself (Part 1.1)
+    EXPECT_EQ(info.count(), 3u);
     EXPECT_EQ(*info.objectForKey(NSLocalizedDescriptionKey)->stringValue(), error->description());
-    EXPECT_EQ(*info.objectForKey(NSLocalizedFailureReasonErrorKey)->stringValue(),
-              KROLocalizedString("KROFileError_failureReason_4"));
-    const KROPropertyList* options = info.objectForKey(NSLocalizedRecoveryOptionsErrorKey);
-    ASSERT_NE(options, nullptr);
-    ASSERT_EQ(options->count(), 1u);
-    EXPECT_EQ(*options->objectAtIndex(0)->stringValue(), "OK");
+    EXPECT_EQ(*info.objectForKey(NSLocalizedFailureReasonErrorKey)->stringValue(), reason);
+    EXPECT_EQ(*info.objectForKey(NSLocalizedRecoveryOptionsErrorKey),
+              KROPropertyList(KROPropertyList::Array{"OK"}));
     EXPECT_EQ(&error->recoveryAttempter(), error.get());
     EXPECT_FALSE(error->attemptRecoveryFromError(*error, 0));
-    EXPECT_EQ(KROFileError::recoveryOptions(), std::vector<std::string>{"OK"});
-}
-
-TEST(Part_1_1, AlertMessageIsTheLocalizedMessageOfTheClass) {
-    EXPECT_EQ(KROBufferListError::alertMessage(), KROLocalizedString("KROBufferListError_message"));
+    EXPECT_EQ(KROBufferListError::alertMessage(), text("KROBufferListError_message"));
     EXPECT_NE(KROBufferListError::alertMessage(), "KROBufferListError_message");
 }
 
-TEST(Part_1_1, ErrorWithNSErrorCocoaCode4YieldsAKROFileErrorWithCode4) {
-    const auto cause = KRONSError::errorWithDomain(NSCocoaErrorDomain, 4);
-    const auto error = KROAudioFileContentError::errorWithNSError(cause, "Reading");
-    ASSERT_NE(error, nullptr);
-    EXPECT_NE(std::dynamic_pointer_cast<KROFileError>(error), nullptr);
-    EXPECT_EQ(error->className(), "KROFileError");
-    EXPECT_EQ(error->code(), 4);
-    EXPECT_EQ(error->domain(), "KROFileErrorDomain");
-}
-
-TEST(Part_1_1, ErrorWithNSErrorCocoaCode2000YieldsAKROCocoaError) {
-    const auto error =
-        KROError::errorWithNSError(KRONSError::errorWithDomain(NSCocoaErrorDomain, 2000), "x");
-    EXPECT_EQ(error->className(), "KROCocoaError");
-    EXPECT_EQ(error->code(), 2000);
-}
-
-TEST(Part_1_1, ErrorWithNSErrorComparesCocoaCodesUnsigned) {
-    const auto negative =
-        KROError::errorWithNSError(KRONSError::errorWithDomain(NSCocoaErrorDomain, -1), "x");
-    EXPECT_EQ(negative->className(), "KROCocoaError");
-    const auto edge =
-        KROError::errorWithNSError(KRONSError::errorWithDomain(NSCocoaErrorDomain, 1023), "x");
-    EXPECT_EQ(edge->className(), "KROFileError");
-    const auto at1024 =
-        KROError::errorWithNSError(KRONSError::errorWithDomain(NSCocoaErrorDomain, 1024), "x");
-    EXPECT_EQ(at1024->className(), "KROCocoaError");
-}
-
-TEST(Part_1_1, ErrorWithNSErrorChoosesTheClassByDomain) {
-    auto classFor = [](const char* domain) {
-        return KROBufferListError::errorWithNSError(KRONSError::errorWithDomain(domain, 5), "x")
-            ->className();
+// The class comes from the given error alone, whatever family receives the
+// call; Cocoa codes compare unsigned; the platform's own text is dropped.
+TEST(KROError, APlatformErrorBecomesTheClassOfItsDomain) {
+    struct Case {
+        const char* domain;
+        std::int64_t code;
+        const char* className;
     };
-    EXPECT_EQ(classFor(NSURLErrorDomain), "KROURLError");
-    EXPECT_EQ(classFor(NSXMLParserErrorDomain), "KROXMLParserError");
-    EXPECT_EQ(classFor(NSPOSIXErrorDomain), "KROError");
-    EXPECT_EQ(classFor("SomeOtherDomain"), "KROError");
-}
-
-TEST(Part_1_1, ErrorWithNSErrorKeepsTheCodeAndNotTheGivenText) {
-    KROPropertyList info;
-    info.setObjectForKey(NSLocalizedDescriptionKey, "the platform's own text");
-    const auto cause = KRONSError::errorWithDomain(NSPOSIXErrorDomain, 71, info);
-    const auto error = KROError::errorWithNSError(cause, "Talking");
-    EXPECT_EQ(error->code(), 71);
-    EXPECT_EQ(error->description().find("platform's own text"), std::string::npos);
-    EXPECT_EQ(error->description().rfind("Talking failed because ", 0), 0u);
-}
-
-TEST(Part_1_1, ErrorWithNSErrorWithNoErrorYieldsNoneAndDoesNotFail) {
+    const Case cases[] = {
+        {NSCocoaErrorDomain, 4, "KROFileError"},
+        {NSCocoaErrorDomain, 1023, "KROFileError"},
+        {NSCocoaErrorDomain, 1024, "KROCocoaError"},
+        {NSCocoaErrorDomain, 2000, "KROCocoaError"},
+        {NSCocoaErrorDomain, -1, "KROCocoaError"},
+        {NSURLErrorDomain, 5, "KROURLError"},
+        {NSXMLParserErrorDomain, 5, "KROXMLParserError"},
+        {NSPOSIXErrorDomain, 71, "KROError"},
+        {"SomeOtherDomain", 5, "KROError"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.domain) + " " + std::to_string(c.code));
+        KROPropertyList info;
+        info.setObjectForKey(NSLocalizedDescriptionKey, "the platform's own text");
+        const auto error = KROAudioFileContentError::errorWithNSError(
+            KRONSError::errorWithDomain(c.domain, c.code, info), "Reading");
+        ASSERT_NE(error, nullptr);
+        EXPECT_EQ(error->className(), c.className);
+        EXPECT_EQ(error->domain(), std::string(c.className) + "Domain");
+        EXPECT_EQ(error->code(), c.code);
+        EXPECT_EQ(error->description().rfind("Reading failed because ", 0), 0u);
+        EXPECT_EQ(error->description().find("own text"), std::string::npos);
+    }
     EXPECT_EQ(KROError::errorWithNSError(nullptr, "x"), nullptr);
-    EXPECT_EQ(KROFileError::errorWithNSError(std::shared_ptr<KRONSError>(), "x"), nullptr);
 }
 
-TEST(Part_1_1, AlertWhileTheApplicationObjectIsNotRunningDoesNothing) {
-    int presented = 0;
-    KROError::setAlertHost(
-        {[] { return false; }, [&](std::shared_ptr<const KROError>) { ++presented; }});
-    KROError::errorWithCode(1, "x")->alert();
-    EXPECT_EQ(presented, 0);
-    KROError::setAlertHost({});
-    KROError::errorWithCode(1, "x")->alert();
-    EXPECT_EQ(presented, 0);
-}
-
-TEST(Part_1_1, AlertWhileTheApplicationIsRunningPresentsTheError) {
-    std::shared_ptr<const KROError> shown;
-    KROError::setAlertHost(
-        {[] { return true; }, [&](std::shared_ptr<const KROError> error) { shown = error; }});
-    const auto error = KROMIDIError::errorWithCode(3, "Sending");
-    error->alert();
-    KROError::setAlertHost({});
-    EXPECT_EQ(shown.get(), error.get());
-}
-
-TEST(Part_1_1, LogWritesTheDescriptionToTheLog) {
-    std::vector<std::string> lines;
-    KROSetLogSink([&](const std::string& line) { lines.push_back(line); });
-    const auto error = KROAudioStreamError::errorWithCode(2, "Starting");
-    error->log();
-    KROSetLogSink({});
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], error->description());
-}
-
-TEST(Part_1_1, AFailureSiteMakesNoErrorWhenNoOutArgumentIsGiven) {
-    EXPECT_FALSE(KROFail<KROBufferListError>(nullptr, 1, "KROBufferList_action_create"));
-    KROErrorPtr error;
-    EXPECT_FALSE(KROFail<KROBufferListError>(&error, 1, "KROBufferList_action_create"));
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->className(), "KROBufferListError");
-    EXPECT_EQ(error->description().rfind(KROLocalizedString("KROBufferList_action_create"), 0), 0u);
-}
-
-TEST(Part_1_1, PosixErrorsTakeTheirCocoaFileCodes) {
+// An errno takes the platform's file code where one matches.
+TEST(KROError, PosixErrorsTakeTheirFileCodes) {
     struct Case {
         int errnum;
         KROFileAccess access;
@@ -248,22 +155,53 @@ TEST(Part_1_1, PosixErrorsTakeTheirCocoaFileCodes) {
         {EINTR, KROFileAccess::reading, NSPOSIXErrorDomain, EINTR},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.errnum);
         const auto error = KRONSError::errorWithErrno(c.errnum, c.access);
-        EXPECT_EQ(error->domain(), c.domain) << c.errnum;
-        EXPECT_EQ(error->code(), c.code) << c.errnum;
+        EXPECT_EQ(error->domain(), c.domain);
+        EXPECT_EQ(error->code(), c.code);
         EXPECT_FALSE(error->localizedDescription().empty());
     }
-}
-
-TEST(Part_1_1, AnErrnoWrappedByAlgorithm4BecomesAKROFileErrorWithItsReason) {
-    const auto error = KROError::errorWithNSError(
+    const auto wrapped = KROError::errorWithNSError(
         KRONSError::errorWithErrno(EACCES, KROFileAccess::writing), "Saving");
-    EXPECT_EQ(error->className(), "KROFileError");
-    EXPECT_EQ(error->code(), 513);
-    EXPECT_EQ(error->failureReason(), KROLocalizedString("KROFileError_failureReason_513"));
+    EXPECT_EQ(wrapped->className(), "KROFileError");
+    EXPECT_EQ(wrapped->failureReason(), text("KROFileError_failureReason_513"));
 }
 
-TEST(Part_1_1, EveryFamilyIsADirectSubclassOfKROErrorNamedAfterItsClass) {
+TEST(KROError, AlertReachesTheHostOnlyWhileItRuns) {
+    int presented = 0;
+    KROError::setAlertHost(
+        {[] { return false; }, [&](std::shared_ptr<const KROError>) { ++presented; }});
+    KROError::errorWithCode(1, "x")->alert();
+    KROError::setAlertHost({});
+    KROError::errorWithCode(1, "x")->alert();
+    EXPECT_EQ(presented, 0);
+    KROAlertCatcher catcher;
+    const auto error = KROMIDIError::errorWithCode(3, "Sending");
+    error->alert();
+    ASSERT_EQ(catcher.alerts.size(), 1u);
+    EXPECT_EQ(catcher.alerts[0].get(), error.get());
+}
+
+TEST(KROError, LogWritesTheSentence) {
+    std::vector<std::string> lines;
+    KROSetLogSink([&](const std::string& line) { lines.push_back(line); });
+    const auto error = KROAudioStreamError::errorWithCode(2, "Starting");
+    error->log();
+    KROSetLogSink({});
+    EXPECT_EQ(lines, std::vector<std::string>{error->description()});
+}
+
+TEST(KROError, AFailureSiteMakesAnErrorOnlyForAnOutArgument) {
+    KRO_EXPECT_NO_ALLOCATION(
+        EXPECT_FALSE(KROFail<KROBufferListError>(nullptr, 1, "KROBufferList_action_create")));
+    KROErrorPtr error;
+    EXPECT_FALSE(KROFail<KROBufferListError>(&error, 1, "KROBufferList_action_create"));
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->className(), "KROBufferListError");
+    EXPECT_EQ(error->description().rfind(text("KROBufferList_action_create"), 0), 0u);
+}
+
+TEST(KROError, EveryFamilyIsADirectSubclassNamedAfterItsClass) {
     const auto& names = KROErrorFamilyNames();
     EXPECT_EQ(names.front(), "KROError");
     EXPECT_EQ(names.size(), 44u);
