@@ -14,14 +14,13 @@
 namespace {
 
 // Keeps the compiler from removing an allocation whose result is unused.
-template <typename T> void escape(T* pointer) {
+template <typename T> T* kept(T* pointer) {
     asm volatile("" : : "g"(pointer) : "memory");
+    return pointer;
 }
 
 void allocateOneInt() {
-    int* value = new int(7);
-    escape(value);
-    delete value;
+    delete kept(new int(7));
 }
 
 void waitFor(const std::atomic<int>& stage, int value) {
@@ -30,75 +29,34 @@ void waitFor(const std::atomic<int>& stage, int value) {
     }
 }
 
+struct alignas(64) Wide {
+    float values[16];
+};
+
 } // namespace
 
 TEST(KROAllocationGuard, CountsEveryKindOfAllocation) {
-    struct alignas(64) Wide {
-        float values[16];
-    };
-    struct Case {
-        const char* what;
-        std::function<void()> allocate;
-        std::size_t count;
-    };
-    const Case cases[] = {
-        {"new", allocateOneInt, 1},
-        {"vector",
-         [] {
-             std::vector<int> v(10);
-             escape(v.data());
-         },
-         1},
-        {"string",
-         [] {
-             std::string s(100, 'x');
-             escape(s.data());
-         },
-         1},
-        {"new[] and aligned new",
-         [] {
-             auto* array = new int[32];
-             escape(array);
-             delete[] array;
-             auto* wide = new Wide;
-             escape(wide);
-             delete wide;
-         },
-         2},
-        {"malloc",
-         [] {
-             void* p = std::malloc(16);
-             escape(p);
-             std::free(p);
-         },
-         1},
-        {"calloc and realloc",
-         [] {
-             void* p = std::calloc(4, 4);
-             escape(p);
-             p = std::realloc(p, 64);
-             escape(p);
-             std::free(p);
-         },
-         2},
+    const std::pair<std::size_t, std::function<void()>> cases[] = {
+        {1, allocateOneInt},
+        {1, [] { kept(std::vector<int>(10).data()); }},
+        {1, [] { kept(std::string(100, 'x').data()); }},
+        {2, [] { delete[] kept(new int[32]), delete kept(new Wide); }},
+        {1, [] { std::free(kept(std::malloc(16))); }},
+        {2, [] { std::free(kept(std::realloc(kept(std::calloc(4, 4)), 64))); }},
 #if !defined(__SANITIZE_THREAD__) // ThreadSanitizer does not report these two to the hook.
-        {"aligned_alloc and posix_memalign",
+        {2,
          [] {
-             void* p = std::aligned_alloc(64, 128);
-             escape(p);
-             std::free(p);
-             ASSERT_EQ(posix_memalign(&p, 64, 128), 0);
-             escape(p);
-             std::free(p);
-         },
-         2},
+             void* p = nullptr;
+             std::free(kept(std::aligned_alloc(64, 128)));
+             std::free(kept(posix_memalign(&p, 64, 128) == 0 ? p : nullptr));
+         }},
 #endif
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (std::size_t row = 0; row < std::size(cases); ++row) {
+        SCOPED_TRACE(row);
         KROAllocationGuard guard;
-        c.allocate();
-        EXPECT_EQ(guard.count(), c.count);
+        cases[row].second();
+        EXPECT_EQ(guard.count(), cases[row].first);
     }
 }
 

@@ -1,9 +1,8 @@
-// Test helpers for buffer lists: lists with known samples, their samples as
-// vectors, foreign records, and a failing allocator.
+// Test helpers for buffer lists: lists with known samples, and their samples
+// as vectors.
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <random>
 #include <vector>
@@ -71,55 +70,3 @@ inline std::vector<float> randomSamples(std::size_t count, std::uint32_t seed, f
     }
     return values;
 }
-
-// A foreign AudioBufferList record of single-channel buffers, each holding
-// frames samples of 0.5.
-class ForeignRecord {
-public:
-    ForeignRecord(std::uint32_t buffers, std::uint32_t frames)
-        : record_(
-              static_cast<AudioBufferList*>(std::calloc(1, KROAudioBufferListByteSize(buffers)))),
-          samples_(buffers, std::vector<float>(frames, 0.5f)) {
-        record_->mNumberBuffers = buffers;
-        for (std::uint32_t index = 0; index < buffers; ++index) {
-            buffer(index) = AudioBuffer{1, frames * 4, samples_[index].data()};
-        }
-    }
-    ~ForeignRecord() { std::free(record_); }
-    ForeignRecord(const ForeignRecord&) = delete;
-    ForeignRecord& operator=(const ForeignRecord&) = delete;
-
-    AudioBufferList* get() { return record_; }
-    AudioBuffer& buffer(std::uint32_t index) { return KROAudioBufferAt(*record_, index); }
-    std::vector<float>& samples(std::uint32_t index) { return samples_[index]; }
-
-private:
-    AudioBufferList* record_;
-    std::vector<std::vector<float>> samples_;
-};
-
-// While it lives, the owned memory of new lists comes from a calloc that
-// fails from its failAt-th call on, counting from 0.
-class FailingAllocator {
-public:
-    explicit FailingAllocator(int failAt) {
-        calls() = 0;
-        failAt_() = failAt;
-        KROBufferList::setAllocatorForTesting([](std::size_t count, std::size_t size) -> void* {
-            return calls()++ >= failAt_() ? nullptr : std::calloc(count, size);
-        });
-    }
-    ~FailingAllocator() { KROBufferList::setAllocatorForTesting(nullptr); }
-    FailingAllocator(const FailingAllocator&) = delete;
-    FailingAllocator& operator=(const FailingAllocator&) = delete;
-
-private:
-    static int& calls() {
-        static int value = 0;
-        return value;
-    }
-    static int& failAt_() {
-        static int value = 0;
-        return value;
-    }
-};
