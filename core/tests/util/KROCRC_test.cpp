@@ -37,35 +37,32 @@ TEST(KROCRC, CataloguedFormsGiveTheirCheckValues) {
     EXPECT_EQ(KROCRC::reflect(0x04C11DB7, 32), 0xEDB88320u);
 }
 
-// An order outside 1...32 and values with bits above the mask are ignored and
+// Orders outside 1...32 and values with bits above the mask are ignored and
 // keep the table; order, polynomial and input reflection drop it; orders
 // below 8 stay within their mask.
 TEST(KROCRC, SettersKeepTheirLimits) {
     auto crc = KROCRC::crcForCCITT16();
     crc->crcForString("x");
     const KROCRC::Table* table = crc->table();
-    for (std::uint32_t order : {0u, 33u}) {
-        crc->setOrder(order);
-    }
+    crc->setOrder(0);
+    crc->setOrder(33);
     crc->setPolynomial(0x11021);
     crc->setInitialValue(0x10000);
     crc->setXorValue(0x1FFFF);
     EXPECT_EQ(crc->table(), table);
     EXPECT_EQ(crc->crcForString("123456789"), 0xCE3Cu);
-    for (const auto& change :
-         {+[](KROCRC& c) { c.setReflectInput(true); }, +[](KROCRC& c) { c.setPolynomial(0x8005); },
-          +[](KROCRC& c) { c.setOrder(12); }}) {
-        crc->crcForString("x");
-        change(*crc);
-        EXPECT_EQ(crc->table(), nullptr);
-    }
-    EXPECT_EQ(crc->mask(), 0xFFFu);
-    for (std::uint32_t order = 1; order < 8; ++order) {
+    for (std::uint32_t order = 12; order > 0; --order) {
         crc->setOrder(order);
+        EXPECT_EQ(crc->table(), nullptr);
         crc->setPolynomial(3 & crc->mask());
         crc->setReflectInput(order % 2);
         EXPECT_LE(crc->crcForString("123456789"), crc->mask()) << order;
     }
+    crc->setPolynomial(1);
+    EXPECT_EQ(crc->table(), nullptr);
+    crc->crcForString("x");
+    crc->setReflectInput(false);
+    EXPECT_EQ(crc->table(), nullptr);
 }
 
 // Random data of many lengths against zlib.crc32 and binascii.crc_hqx.
