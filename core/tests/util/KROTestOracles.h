@@ -12,7 +12,8 @@
 
 // Runs the script with /usr/bin/python3; the arguments follow it.
 inline KROCommandResult KRORunPython(const std::string& script, const std::string& arguments = "") {
-    return KRORunCommand("/usr/bin/python3 - " + arguments + " <<'EOF'\n" + script + "EOF\n");
+    return KRORunCommand("/usr/bin/python3 - " + arguments + " <<'EOF'\n" + script +
+                         (script.ends_with('\n') ? "" : "\n") + "EOF\n");
 }
 
 inline void KROWriteFile(const std::filesystem::path& path, std::string_view bytes) {

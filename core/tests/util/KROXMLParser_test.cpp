@@ -69,15 +69,6 @@ TEST(KROXMLParser, TheElementListsSteerTheTree) {
         parser->setMakeKeysLowercase(lowercase);
         EXPECT_EQ(read(*parser, document), std::string(tree) + " -1");
     }
-    auto direct = KROXMLParser::parser();
-    direct->setArrayElements({"L"});
-    direct->didStartElement("r", "", "r", {});
-    direct->didStartElement("L", "", "L", {{"id", "1"}});
-    direct->didStartElement("i", "", "i", {});
-    direct->foundCharacters(" fir");
-    direct->foundCharacters("st ");
-    direct->didEndElement("i", "", "i");
-    EXPECT_EQ(text(direct->root().get()), "{L=[first]}");
 }
 
 // Each malformed document gives its code with a text, the partial tree where
