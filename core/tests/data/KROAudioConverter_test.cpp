@@ -269,7 +269,7 @@ INSTANTIATE_TEST_SUITE_P(KROAudioConverter, KROAudioConverterFormats,
 TEST(KROAudioConverter, MuLawAndALawRoundTiesToEven) {
     for (const auto& [format, unit] :
          {std::pair{kAudioFormatULaw, 4}, std::pair{kAudioFormatALaw, 8}}) {
-        const auto codes = [&](std::vector<int> linear) {
+        const auto codes = [&, format = format](std::vector<int> linear) {
             std::vector<float> values;
             for (int value : linear) {
                 values.push_back(float(value) / 32768);
