@@ -1,8 +1,8 @@
-// The property dictionary of the spec (Overview, Shared types): a value that
-// is one of string, integer, real, boolean, date, data, array or dictionary.
-// Dictionaries keep the order in which keys were first inserted. Read and
-// written as XML property lists through libplist; binary lists are accepted
-// on read.
+// The property dictionary of settings, descriptions and properties: a value
+// that is one of string, integer, real, boolean, date, data, array or
+// dictionary. Dictionaries keep the order in which keys were first inserted.
+// Read and written as XML property lists through libplist; binary lists are
+// accepted on read.
 #pragma once
 
 #include <chrono>

@@ -150,7 +150,7 @@ bool atInputEnd(std::string_view text, std::size_t position) {
     return position >= text.size() || text[position] == '\0';
 }
 
-// The padding of Algorithm 14 from the first "=" at position: after two
+// The padding from the first "=" at position: after two
 // characters of a group a second "=" must come; only white space may follow.
 bool acceptsPadding(std::string_view text, std::size_t position, int state) {
     if (state < 2) {
@@ -286,7 +286,8 @@ std::string stringWithFourCharCode(std::uint32_t code) {
     std::array<std::uint8_t, 4> bytes = {
         static_cast<std::uint8_t>(code >> 24), static_cast<std::uint8_t>(code >> 16),
         static_cast<std::uint8_t>(code >> 8), static_cast<std::uint8_t>(code)};
-    // Every byte is replaced on the test of the lowest byte (kept from Part 8.6).
+    // Kept: every byte is replaced on the test of the lowest byte; stored files
+    // and hosts depend on it.
     for (std::uint8_t& byte : bytes) {
         if (bytes[3] < 0x20 || bytes[3] > 0x7E) {
             byte = ' ';

@@ -1,5 +1,5 @@
-// Part 8.6: the string and data helpers of the library, as free functions
-// (DESIGN.md section 3). Strings are UTF-8, data blocks are KROData.
+// The string and data helpers of the library, as free functions in namespace
+// kro. Strings are UTF-8, data blocks are KROData.
 #pragma once
 
 #include <cstddef>
@@ -17,10 +17,9 @@ namespace kro {
 
 // The alphabet A–Z a–z 0–9 + /, padded with "=", no line breaks.
 std::string encodeBase64(const KROData& data);
-// Algorithm 14: none for malformed text (a character outside the alphabet or
-// above 0x7F, a misplaced "=", an unfinished group, or non-zero bits in the
-// unused tail of the last group). White space is skipped; a zero byte ends
-// the input.
+// None for malformed text (a character outside the alphabet or above 0x7F, a
+// misplaced "=", an unfinished group, or non-zero bits in the unused tail of
+// the last group). White space is skipped; a zero byte ends the input.
 std::optional<KROData> decodeBase64(std::string_view text);
 
 // 16 and 20 bytes.
@@ -35,9 +34,10 @@ std::uint8_t byteValueAtPosition(const KROData& data, std::size_t position);
 std::uint16_t bigShortValueAtPosition(const KROData& data, std::size_t position);
 std::uint32_t bigIntValueAtPosition(const KROData& data, std::size_t position);
 
-// Algorithm 13: blanks for all four bytes when the lowest byte is outside
-// 0x20…0x7E, else the four bytes as they are; read highest first as Mac OS
-// Roman. The result always holds four characters, a zero byte included.
+// Kept as stored files expect it: blanks for all four bytes when the lowest
+// byte is outside 0x20…0x7E, else the four bytes as they are; read highest
+// first as Mac OS Roman. The result always holds four characters, a zero byte
+// included.
 std::string stringWithFourCharCode(std::uint32_t code);
 // The first four bytes of the Mac OS Roman form (characters it lacks become
 // "?"), the first in the highest byte; missing bytes are zeros.
