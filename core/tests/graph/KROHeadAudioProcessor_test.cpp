@@ -1,0 +1,244 @@
+// Heads and their render info, the dock, and the hardware head that stands
+// for the platform's device head.
+#include <gtest/gtest.h>
+
+#include "KROAudioProcessorDock.h"
+#include "KROAudioStreamRenderInfo.h"
+#include "KROGraphTestClasses.h"
+#include "KROHardwareAudioProcessor.h"
+
+using namespace kro_graph_test;
+
+namespace {
+
+// Stands for the platform's device head while a test registers it.
+class KROTestDeviceHead : public KROHardwareAudioProcessor {
+    KRO_DECLARE_CLASS(KROTestDeviceHead)
+
+public:
+    bool init(KROErrorPtr* error = nullptr) override {
+        madeWithInit = KROHardwareAudioProcessor::init(error);
+        return madeWithInit;
+    }
+
+    bool madeWithInit = false;
+};
+
+void registerDeviceHead(bool present) {
+    KROClassRegistry::sharedRegistry().registerClass(
+        KROHardwareAudioProcessor::deviceHeadClassName, "KROHardwareAudioProcessor",
+        present ? KROClassRegistry::Factory([] { return std::make_shared<KROTestDeviceHead>(); })
+                : KROClassRegistry::Factory());
+}
+
+// "head" <- "dock" <- "g" over "out" and "in"; the sink form pushes from
+// the head through the dock.
+KROPropertyList dockDescription(bool push = false) {
+    if (push) {
+        return description({headEntry("head", false, true), entry("KROAudioProcessorDock", "dock"),
+                            entry("KROTestPassThrough", "sink")},
+                           {connection("in", "head", "dock"), connection("out", "dock", "sink")});
+    }
+    return description({headEntry("head", true), entry("KROAudioProcessorDock", "dock"),
+                        entry("KROTestGenerator", "g")},
+                       {connection("in", "g", "dock"), connection("out", "dock", "head")});
+}
+
+} // namespace
+
+KRO_REGISTER_CLASS(KROTestDeviceHead, KROHardwareAudioProcessor)
+
+// A new record is real time, stopped, at time 0. The stack holds sixteen
+// levels: a seventeenth push is dropped while its pop still pops, so the
+// stack unwinds early; the bottom survives every pop.
+TEST(KROAudioStreamRenderInfo, TheSampleTimeStackHoldsSixteenLevels) {
+    KROAudioStreamRenderInfo info;
+    EXPECT_TRUE(info.isRealtime());
+    EXPECT_FALSE(info.isRunning() || info.isReverse());
+    EXPECT_EQ(info.description(), "sampleTime: 0");
+    info.setSampleTime(-12345678901);
+    EXPECT_EQ(info.description(), "sampleTime: -12345678901");
+    info.setSampleTime(1000);
+    for (std::int64_t value = 1; value <= 16; ++value) {
+        info.pushSampleTime(value * 10);
+    }
+    EXPECT_EQ(info.sampleTimeCursor(), 15u);
+    EXPECT_EQ(info.sampleTime(), 150);
+    info.setSampleTime(155);
+    info.popSampleTime();
+    EXPECT_EQ(info.sampleTime(), 140);
+    for (int pop = 0; pop < 16; ++pop) {
+        info.popSampleTime();
+    }
+    EXPECT_EQ(info.sampleTimeCursor(), 0u);
+    EXPECT_EQ(info.sampleTime(), 1000);
+}
+
+// The base head neither starts nor stops and stores no error; the stream
+// passes its false on.
+TEST(KROHeadAudioProcessor, TheBaseHeadDoesNotStart) {
+    auto head = make<KROHeadAudioProcessor>();
+    const auto sentinel = KROError::errorWithCode(99, "Sentinel");
+    KROErrorPtr error = sentinel;
+    EXPECT_FALSE(head->start(&error));
+    EXPECT_FALSE(head->stop(&error));
+    EXPECT_EQ(error, sentinel);
+    EXPECT_EQ(head->stress(), 0.0f);
+    KROPropertyList entryOfHead = entry("KROHeadAudioProcessor", "h");
+    entryOfHead.setObjectForKey("isInputHead", true);
+    KROAudioStream stream;
+    ASSERT_TRUE(stream.initWithDescription(description({entryOfHead}, {})));
+    EXPECT_FALSE(stream.initialize());
+    stream.processorWithIdentifier("h")->setInitialized(true);
+    KROErrorPtr streamError;
+    EXPECT_FALSE(stream.start(&streamError));
+    EXPECT_EQ(streamError, nullptr);
+}
+
+// The flags come from settings when present and are not written out, so a
+// copy of a head is no head until told so.
+TEST(KROHeadAudioProcessor, TheFlagsComeFromSettingsAndAreNotCopied) {
+    KROAudioStream stream;
+    ASSERT_TRUE(stream.initWithDescription(
+        description({entry("KROTestPassThrough", "p"), entry("KROTestHead", "h")}, {})));
+    const auto head = processorOf<KROTestHead>(stream, "h");
+    EXPECT_EQ(stream.renderHeadProcessor(), nullptr);
+    KROPropertyList settings;
+    settings.setObjectForKey("isRenderHead", true);
+    settings.setObjectForKey("isInputHead", true);
+    ASSERT_TRUE(head->setSettings(settings));
+    EXPECT_EQ(stream.renderHeadProcessor(), head);
+    EXPECT_EQ(stream.inputHeadProcessor(), head);
+    settings = KROPropertyList();
+    settings.setObjectForKey("isInputHead", false);
+    ASSERT_TRUE(head->setSettings(settings));
+    EXPECT_TRUE(head->isRenderHead());
+    EXPECT_FALSE(head->isInputHead());
+    EXPECT_EQ(head->settings().objectForKey("isRenderHead"), nullptr);
+    const auto copy = std::dynamic_pointer_cast<KROTestHead>(head->copy());
+    ASSERT_NE(copy, nullptr);
+    EXPECT_FALSE(copy->isRenderHead());
+    EXPECT_NE(copy->info(), head->info());
+}
+
+// An empty dock is a wire on the pull path and on the push path.
+TEST(KROAudioProcessorDock, AnEmptyDockIsAWire) {
+    KROAudioStream pulled;
+    ASSERT_TRUE(pulled.initWithDescription(dockDescription()));
+    ASSERT_TRUE(pulled.initialize());
+    EXPECT_EQ(pulled.connectionWithIdentifier("in")->numberOfChannels(), 2u);
+    const auto head = processorOf<KROTestHead>(pulled, "head");
+    head->renderBlock();
+    EXPECT_TRUE(allSamplesAre(*head->buffer, 0.5f));
+
+    KROAudioStream pushed;
+    ASSERT_TRUE(pushed.initWithDescription(dockDescription(true)));
+    ASSERT_TRUE(pushed.initialize());
+    EXPECT_EQ(pushed.connectionWithIdentifier("out")->numberOfChannels(), 2u);
+    processorOf<KROTestHead>(pushed, "head")->pushBlock(0.75f);
+    const auto sink = processorOf<KROTestPassThrough>(pushed, "sink");
+    EXPECT_EQ(sink->inputCount, 1);
+    EXPECT_EQ(sink->initializeForInputCount, 1);
+}
+
+// A docked processor takes over the dock's buses: the walks and the audio
+// reach it directly, the stream reaches it through the dock, and taking it
+// out leaves a wire over the same connections.
+TEST(KROAudioProcessorDock, ADockedProcessorIsOnThePathUntilTakenOut) {
+    KROAudioStream stream;
+    ASSERT_TRUE(stream.initWithDescription(dockDescription()));
+    const auto dock = processorOf<KROAudioProcessorDock>(stream, "dock");
+    const auto in = stream.connectionWithIdentifier("in");
+    const auto out = stream.connectionWithIdentifier("out");
+    auto processor = make<KROTestPassThrough>();
+    processor->gain = 3.0f;
+    processor->latencyFrames = 12;
+    const std::weak_ptr<KROAudioInputBus> ownInput = processor->inputBuses().front();
+    dock->setProcessor(processor);
+    EXPECT_TRUE(ownInput.expired());
+    EXPECT_EQ(processor->stream(), &stream);
+    EXPECT_EQ(stream.memberOfProcessors(processor.get()), nullptr);
+    EXPECT_EQ(processor->inputBus(), dock->inputBus());
+    EXPECT_EQ(in->inputBus()->destination(), processor.get());
+    EXPECT_EQ(out->outputBus()->source(), processor.get());
+    EXPECT_EQ(dock->latency(), 12u);
+
+    ASSERT_TRUE(stream.initialize());
+    EXPECT_EQ(processor->initializeForRenderCount, 1);
+    EXPECT_TRUE(dock->isInitialized());
+    const auto head = processorOf<KROTestHead>(stream, "head");
+    head->renderBlock();
+    EXPECT_TRUE(allSamplesAre(*head->buffer, 1.5f));
+    ASSERT_TRUE(stream.uninitialize());
+    EXPECT_EQ(processor->uninitializeCount, 1);
+    EXPECT_FALSE(processor->isInitialized());
+    ASSERT_TRUE(stream.reset());
+    EXPECT_EQ(processor->resetCount, 1);
+
+    dock->setProcessor(nullptr);
+    EXPECT_EQ(dock->processor(), nullptr);
+    EXPECT_EQ(dock->latency(), 0u);
+    EXPECT_EQ(in->inputBus()->destination(), dock.get());
+    EXPECT_EQ(out->outputBus()->source(), dock.get());
+    EXPECT_EQ(processor->inputBus(), dock->inputBus());
+    ASSERT_TRUE(stream.initialize());
+    head->renderBlock();
+    EXPECT_TRUE(allSamplesAre(*head->buffer, 0.5f));
+}
+
+// Kept: the dock tests its own flag, so an empty dock initialised as a wire
+// refuses a processor, while a docked one is exchanged without initialising
+// the newcomer. The present processor, or the dock itself, changes nothing.
+TEST(KROAudioProcessorDock, SetProcessorFollowsTheDocksOwnFlag) {
+    KROAudioStream stream;
+    ASSERT_TRUE(stream.initWithDescription(dockDescription()));
+    ASSERT_TRUE(stream.initialize());
+    const auto dock = processorOf<KROAudioProcessorDock>(stream, "dock");
+    auto first = make<KROTestPassThrough>();
+    dock->setProcessor(first);
+    EXPECT_EQ(dock->processor(), nullptr);
+    ASSERT_TRUE(stream.uninitialize());
+
+    dock->setProcessor(first);
+    ASSERT_TRUE(stream.initialize());
+    auto second = make<KROTestPassThrough>();
+    dock->setProcessor(second);
+    EXPECT_EQ(dock->processor(), second);
+    EXPECT_EQ(second->initializeForRenderCount, 0);
+    EXPECT_FALSE(dock->isInitialized());
+    EXPECT_EQ(dock->inputBus()->destination(), second.get());
+
+    // Were a second call to dock again, it would point the buses back.
+    dock->inputBus()->setDestination(nullptr);
+    dock->setProcessor(second);
+    dock->setProcessor(dock);
+    EXPECT_EQ(dock->inputBus()->destination(), nullptr);
+    EXPECT_EQ(dock->processor(), second);
+}
+
+// The hardware head gives way to the class registered as the device head;
+// without one there is none, and a stream fails with no error stored.
+TEST(KROHardwareAudioProcessor, TheDeviceHeadIsLookedUpByName) {
+    KROPropertyList head = entry("KROHardwareAudioProcessor", "device");
+    head.setObjectForKey("isRenderHead", true);
+    const KROPropertyList graph =
+        description({entry("KROTestGenerator", "g"), head}, {connection("c", "g", "device")});
+    registerDeviceHead(false);
+    EXPECT_EQ(std::make_shared<KROHardwareAudioProcessor>()->initReturningObject(nullptr), nullptr);
+    KROAudioStream stream;
+    KROErrorPtr error;
+    EXPECT_FALSE(stream.initWithDescription(graph, &error));
+    EXPECT_EQ(error, nullptr);
+    EXPECT_EQ(KROAudioProcessor::processorWithSettings(head, &error), nullptr);
+    EXPECT_EQ(error, nullptr);
+
+    registerDeviceHead(true);
+    ASSERT_TRUE(stream.initWithDescription(graph, &error));
+    const auto device = processorOf<KROTestDeviceHead>(stream, "device");
+    ASSERT_NE(device, nullptr);
+    EXPECT_TRUE(device->madeWithInit);
+    EXPECT_EQ(stream.renderHeadProcessor(), device);
+    EXPECT_EQ(device->inputConnection(), stream.connectionWithIdentifier("c").get());
+    EXPECT_NE(device->copy(), nullptr);
+    registerDeviceHead(false);
+}
