@@ -1,11 +1,13 @@
-// Test-only processors for the graph tests, registered so that descriptions
-// can name them, and builders of descriptions.
+// Test-only processors for the graph and processor tests, registered so that
+// descriptions can name them, and builders of descriptions.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,21 +30,28 @@ inline void fill(KROAudioBufferList& buffer, float value) {
 
 } // namespace kro_graph_test
 
-// Fills its blocks with `value` and counts them; while `closed` is set, a
-// block that reaches it counts as a violation.
+// Fills its blocks from `signal`, a function of the frame within the block and
+// the channel, 0.5 unless set, and counts them; while `closed` is set, a block
+// that reaches it counts as a violation.
 class KROTestGenerator : public KROAudioGenerator {
     KRO_DECLARE_CLASS(KROTestGenerator)
 
 public:
+    using Signal = std::function<float(std::uint64_t frame, std::uint32_t channel)>;
+
     bool initializeForRender(KROErrorPtr* = nullptr) override { return ++initializeCount > 0; }
     void render(KROAudioBufferList& buffer, KROAudioOutputBus&,
                 KROAudioStreamRenderInfo&) override {
         violations += closed.load();
-        kro_graph_test::fill(buffer, value);
+        for (std::uint32_t channel = 0; channel < buffer.numberOfChannels(); ++channel) {
+            for (std::uint64_t frame = 0; frame < buffer.frames(); ++frame) {
+                buffer.channel(channel)[frame] = signal(frame, channel);
+            }
+        }
         ++renderCount;
     }
 
-    float value = 0.5f;
+    Signal signal = [](std::uint64_t, std::uint32_t) { return 0.5f; };
     int initializeCount = 0;
     std::atomic<std::uint64_t> renderCount{0}, violations{0};
     std::atomic<bool> closed{false};
@@ -75,25 +84,16 @@ public:
         }
         return KROAudioProcessor::setSettings(settings, error);
     }
-    KROPropertyList settings() const override {
-        KROPropertyList settings = KROAudioProcessor::settings();
-        settings.setObjectForKey("gain", static_cast<double>(gain));
-        return settings;
-    }
     void render(KROAudioBufferList& buffer, KROAudioOutputBus&,
                 KROAudioStreamRenderInfo& info) override {
-        if (KROAudioInputBus* bus = inputBus()) {
-            bus->render(buffer, info);
-        }
+        inputBus()->render(buffer, info);
         buffer.scale(gain);
     }
     void input(KROAudioBufferList& buffer, KROAudioInputBus&,
                KROAudioStreamRenderInfo& info) override {
         buffer.scale(gain);
         ++inputCount;
-        if (KROAudioOutputBus* bus = outputBus()) {
-            bus->input(buffer, info);
-        }
+        outputBus()->input(buffer, info);
     }
 
     float gain = 1.0f;
@@ -116,12 +116,23 @@ class KROTestPlainProcessor : public KROAudioProcessor {
     KRO_DECLARE_CLASS(KROTestPlainProcessor)
 };
 
-// A render and input head with a buffer of 64 frames and two channels,
-// driven one block at a time as a device head would be.
+// A render and input head with a buffer of its own (settings "channels",
+// "maxFrames", "sampleRate"; 2, 64 and 48000 unless given), driven one block
+// at a time as a device head would be.
 class KROTestHead : public KROHeadAudioProcessor {
     KRO_DECLARE_CLASS(KROTestHead)
 
 public:
+    bool setSettings(const KROPropertyList& settings, KROErrorPtr* error = nullptr) override {
+        const auto number = [&](const char* key, double value) {
+            const KROPropertyList* found = settings.objectForKey(key);
+            return found ? found->doubleValue(value) : value;
+        };
+        channels = static_cast<std::uint32_t>(number("channels", channels));
+        maxFrames = static_cast<std::uint64_t>(number("maxFrames", double(maxFrames)));
+        sampleRate = number("sampleRate", sampleRate);
+        return KROHeadAudioProcessor::setSettings(settings, error);
+    }
     bool initializeForRender(KROErrorPtr* = nullptr) override {
         ++initializeForRenderCount;
         return prepare(inputConnection());
@@ -139,28 +150,35 @@ public:
         return ++stopCount > 0;
     }
 
-    void renderBlock() {
+    // One pull of `frames` frames, all of the buffer unless given.
+    KROAudioBufferList& renderBlock(std::uint64_t frames = UINT64_MAX) {
+        buffer->setFrames(std::min(frames, maxFrames));
         info()->setSampleTime(sampleTime);
         inputBus()->render(*buffer, *info());
-        sampleTime += 64;
+        sampleTime += static_cast<std::int64_t>(buffer->frames());
+        return *buffer;
     }
     void pushBlock(float value) {
         kro_graph_test::fill(*buffer, value);
         outputBus()->input(*buffer, *info());
     }
 
+    std::uint32_t channels = 2;
+    std::uint64_t maxFrames = 64;
+    double sampleRate = 48000.0;
     std::int64_t sampleTime = 0;
-    std::shared_ptr<KROAudioBufferList> buffer = KROAudioBufferList::bufferListWithChannels(2, 64);
+    std::shared_ptr<KROAudioBufferList> buffer;
     int initializeForRenderCount = 0, initializeForInputCount = 0, startCount = 0, stopCount = 0;
 
 private:
     bool prepare(KROAudioConnection* connection) {
+        buffer = buffer ? buffer : KROAudioBufferList::bufferListWithChannels(channels, maxFrames);
         if (connection) {
-            connection->setSampleRate(48000.0);
-            connection->setNumberOfChannels(2);
-            connection->setMaxFrames(64);
+            connection->setSampleRate(sampleRate);
+            connection->setNumberOfChannels(channels);
+            connection->setMaxFrames(maxFrames);
         }
-        return true;
+        return buffer != nullptr;
     }
 };
 

@@ -53,25 +53,21 @@ KRO_REGISTER_CLASS(KROTestDeviceHead, KROHardwareAudioProcessor)
 // stack unwinds early; the bottom survives every pop.
 TEST(KROAudioStreamRenderInfo, TheSampleTimeStackHoldsSixteenLevels) {
     KROAudioStreamRenderInfo info;
-    EXPECT_TRUE(info.isRealtime());
-    EXPECT_FALSE(info.isRunning() || info.isReverse());
+    EXPECT_TRUE(info.isRealtime() && !info.isRunning() && !info.isReverse());
     EXPECT_EQ(info.description(), "sampleTime: 0");
-    info.setSampleTime(-12345678901);
-    EXPECT_EQ(info.description(), "sampleTime: -12345678901");
     info.setSampleTime(1000);
     for (std::int64_t value = 1; value <= 16; ++value) {
         info.pushSampleTime(value * 10);
     }
-    EXPECT_EQ(info.sampleTimeCursor(), 15u);
-    EXPECT_EQ(info.sampleTime(), 150);
-    info.setSampleTime(155);
+    EXPECT_EQ(std::pair(info.sampleTimeCursor(), info.sampleTime()), std::pair(15ul, 150l));
+    info.setSampleTime(-155);
+    EXPECT_EQ(info.description(), "sampleTime: -155");
     info.popSampleTime();
     EXPECT_EQ(info.sampleTime(), 140);
     for (int pop = 0; pop < 16; ++pop) {
         info.popSampleTime();
     }
-    EXPECT_EQ(info.sampleTimeCursor(), 0u);
-    EXPECT_EQ(info.sampleTime(), 1000);
+    EXPECT_EQ(std::pair(info.sampleTimeCursor(), info.sampleTime()), std::pair(0ul, 1000l));
 }
 
 // The base head neither starts nor stops and stores no error; the stream
@@ -80,10 +76,8 @@ TEST(KROHeadAudioProcessor, TheBaseHeadDoesNotStart) {
     auto head = make<KROHeadAudioProcessor>();
     const auto sentinel = KROError::errorWithCode(99, "Sentinel");
     KROErrorPtr error = sentinel;
-    EXPECT_FALSE(head->start(&error));
-    EXPECT_FALSE(head->stop(&error));
+    EXPECT_FALSE(head->start(&error) || head->stop(&error));
     EXPECT_EQ(error, sentinel);
-    EXPECT_EQ(head->stress(), 0.0f);
     KROPropertyList entryOfHead = entry("KROHeadAudioProcessor", "h");
     entryOfHead.setObjectForKey("isInputHead", true);
     KROAudioStream stream;
@@ -112,78 +106,52 @@ TEST(KROHeadAudioProcessor, TheFlagsComeFromSettingsAndAreNotCopied) {
     settings = KROPropertyList();
     settings.setObjectForKey("isInputHead", false);
     ASSERT_TRUE(head->setSettings(settings));
-    EXPECT_TRUE(head->isRenderHead());
-    EXPECT_FALSE(head->isInputHead());
-    EXPECT_EQ(head->settings().objectForKey("isRenderHead"), nullptr);
+    EXPECT_EQ(std::pair(head->isRenderHead(), head->isInputHead()), std::pair(true, false));
     const auto copy = std::dynamic_pointer_cast<KROTestHead>(head->copy());
-    ASSERT_NE(copy, nullptr);
     EXPECT_FALSE(copy->isRenderHead());
     EXPECT_NE(copy->info(), head->info());
+    // Setting a head moves the flag from the present one without adding the new one.
+    stream.setRenderHeadProcessor(copy.get());
+    EXPECT_EQ(std::pair(head->isRenderHead(), copy->isRenderHead()), std::pair(false, true));
+    EXPECT_EQ(stream.renderHeadProcessor(), nullptr);
 }
 
-// An empty dock is a wire on the pull path and on the push path.
-TEST(KROAudioProcessorDock, AnEmptyDockIsAWire) {
-    KROAudioStream pulled;
-    ASSERT_TRUE(pulled.initWithDescription(dockDescription()));
-    ASSERT_TRUE(pulled.initialize());
-    EXPECT_EQ(pulled.connectionWithIdentifier("in")->numberOfChannels(), 2u);
-    const auto head = processorOf<KROTestHead>(pulled, "head");
-    head->renderBlock();
-    EXPECT_TRUE(allSamplesAre(*head->buffer, 0.5f));
-
+// An empty dock is a wire both ways. A docked processor takes over the dock's
+// buses, so the walks and the audio reach it directly and the stream through
+// the dock; taken out, it leaves a wire over the same connections.
+TEST(KROAudioProcessorDock, ADockIsAWireUntilAProcessorIsDocked) {
     KROAudioStream pushed;
-    ASSERT_TRUE(pushed.initWithDescription(dockDescription(true)));
-    ASSERT_TRUE(pushed.initialize());
-    EXPECT_EQ(pushed.connectionWithIdentifier("out")->numberOfChannels(), 2u);
+    ASSERT_TRUE(pushed.initWithDescription(dockDescription(true)) && pushed.initialize());
     processorOf<KROTestHead>(pushed, "head")->pushBlock(0.75f);
-    const auto sink = processorOf<KROTestPassThrough>(pushed, "sink");
-    EXPECT_EQ(sink->inputCount, 1);
-    EXPECT_EQ(sink->initializeForInputCount, 1);
-}
+    EXPECT_EQ(processorOf<KROTestPassThrough>(pushed, "sink")->inputCount, 1);
 
-// A docked processor takes over the dock's buses: the walks and the audio
-// reach it directly, the stream reaches it through the dock, and taking it
-// out leaves a wire over the same connections.
-TEST(KROAudioProcessorDock, ADockedProcessorIsOnThePathUntilTakenOut) {
     KROAudioStream stream;
-    ASSERT_TRUE(stream.initWithDescription(dockDescription()));
+    ASSERT_TRUE(stream.initWithDescription(dockDescription()) && stream.initialize());
     const auto dock = processorOf<KROAudioProcessorDock>(stream, "dock");
-    const auto in = stream.connectionWithIdentifier("in");
-    const auto out = stream.connectionWithIdentifier("out");
+    const auto head = processorOf<KROTestHead>(stream, "head");
+    EXPECT_TRUE(allSamplesAre(head->renderBlock(), 0.5f));
+    ASSERT_TRUE(stream.uninitialize());
     auto processor = make<KROTestPassThrough>();
     processor->gain = 3.0f;
     processor->latencyFrames = 12;
     const std::weak_ptr<KROAudioInputBus> ownInput = processor->inputBuses().front();
     dock->setProcessor(processor);
-    EXPECT_TRUE(ownInput.expired());
-    EXPECT_EQ(processor->stream(), &stream);
+    EXPECT_TRUE(ownInput.expired() && processor->inputBus() == dock->inputBus());
+    EXPECT_EQ(std::pair(processor->stream(), dock->latency()),
+              std::pair(&stream, std::uint64_t{12}));
     EXPECT_EQ(stream.memberOfProcessors(processor.get()), nullptr);
-    EXPECT_EQ(processor->inputBus(), dock->inputBus());
-    EXPECT_EQ(in->inputBus()->destination(), processor.get());
-    EXPECT_EQ(out->outputBus()->source(), processor.get());
-    EXPECT_EQ(dock->latency(), 12u);
-
     ASSERT_TRUE(stream.initialize());
-    EXPECT_EQ(processor->initializeForRenderCount, 1);
-    EXPECT_TRUE(dock->isInitialized());
-    const auto head = processorOf<KROTestHead>(stream, "head");
-    head->renderBlock();
-    EXPECT_TRUE(allSamplesAre(*head->buffer, 1.5f));
-    ASSERT_TRUE(stream.uninitialize());
-    EXPECT_EQ(processor->uninitializeCount, 1);
-    EXPECT_FALSE(processor->isInitialized());
-    ASSERT_TRUE(stream.reset());
-    EXPECT_EQ(processor->resetCount, 1);
-
+    EXPECT_TRUE(processor->initializeForRenderCount == 1 && dock->isInitialized());
+    EXPECT_TRUE(allSamplesAre(head->renderBlock(), 1.5f));
+    ASSERT_TRUE(stream.uninitialize() && stream.reset());
+    EXPECT_EQ(
+        std::tuple(processor->uninitializeCount, processor->isInitialized(), processor->resetCount),
+        std::tuple(1, false, 1));
     dock->setProcessor(nullptr);
-    EXPECT_EQ(dock->processor(), nullptr);
-    EXPECT_EQ(dock->latency(), 0u);
-    EXPECT_EQ(in->inputBus()->destination(), dock.get());
-    EXPECT_EQ(out->outputBus()->source(), dock.get());
+    EXPECT_TRUE(!dock->processor() && dock->latency() == 0);
     EXPECT_EQ(processor->inputBus(), dock->inputBus());
     ASSERT_TRUE(stream.initialize());
-    head->renderBlock();
-    EXPECT_TRUE(allSamplesAre(*head->buffer, 0.5f));
+    EXPECT_TRUE(allSamplesAre(head->renderBlock(), 0.5f));
 }
 
 // Kept: the dock tests its own flag, so an empty dock initialised as a wire
@@ -191,23 +159,18 @@ TEST(KROAudioProcessorDock, ADockedProcessorIsOnThePathUntilTakenOut) {
 // the newcomer. The present processor, or the dock itself, changes nothing.
 TEST(KROAudioProcessorDock, SetProcessorFollowsTheDocksOwnFlag) {
     KROAudioStream stream;
-    ASSERT_TRUE(stream.initWithDescription(dockDescription()));
-    ASSERT_TRUE(stream.initialize());
+    ASSERT_TRUE(stream.initWithDescription(dockDescription()) && stream.initialize());
     const auto dock = processorOf<KROAudioProcessorDock>(stream, "dock");
-    auto first = make<KROTestPassThrough>();
+    auto first = make<KROTestPassThrough>(), second = make<KROTestPassThrough>();
     dock->setProcessor(first);
     EXPECT_EQ(dock->processor(), nullptr);
     ASSERT_TRUE(stream.uninitialize());
-
     dock->setProcessor(first);
     ASSERT_TRUE(stream.initialize());
-    auto second = make<KROTestPassThrough>();
     dock->setProcessor(second);
-    EXPECT_EQ(dock->processor(), second);
-    EXPECT_EQ(second->initializeForRenderCount, 0);
-    EXPECT_FALSE(dock->isInitialized());
-    EXPECT_EQ(dock->inputBus()->destination(), second.get());
-
+    EXPECT_EQ(std::tuple(dock->processor(), second->initializeForRenderCount, dock->isInitialized(),
+                         dock->inputBus()->destination()),
+              std::tuple(second, 0, false, static_cast<KROAudioInputBusDelegate*>(second.get())));
     // Were a second call to dock again, it would point the buses back.
     dock->inputBus()->setDestination(nullptr);
     dock->setProcessor(second);
@@ -229,8 +192,12 @@ TEST(KROHardwareAudioProcessor, TheDeviceHeadIsLookedUpByName) {
     KROErrorPtr error;
     EXPECT_FALSE(stream.initWithDescription(graph, &error));
     EXPECT_EQ(error, nullptr);
-    EXPECT_EQ(KROAudioProcessor::processorWithSettings(head, &error), nullptr);
-    EXPECT_EQ(error, nullptr);
+    // Neither is an unknown class a processor, and the error is left alone.
+    for (const KROPropertyList& settings :
+         {head, entry("KRONoSuch", "x"), entry("KROAudioBus", "x")}) {
+        EXPECT_EQ(KROAudioProcessor::processorWithSettings(settings, &error), nullptr);
+        EXPECT_EQ(error, nullptr);
+    }
 
     registerDeviceHead(true);
     ASSERT_TRUE(stream.initWithDescription(graph, &error));
@@ -238,7 +205,5 @@ TEST(KROHardwareAudioProcessor, TheDeviceHeadIsLookedUpByName) {
     ASSERT_NE(device, nullptr);
     EXPECT_TRUE(device->madeWithInit);
     EXPECT_EQ(stream.renderHeadProcessor(), device);
-    EXPECT_EQ(device->inputConnection(), stream.connectionWithIdentifier("c").get());
-    EXPECT_NE(device->copy(), nullptr);
     registerDeviceHead(false);
 }
