@@ -303,14 +303,11 @@ TEST(KROFileReader, PositionsLengthAndPushBack) {
     std::int32_t value = 0;
     EXPECT_TRUE(reader->getFourCharCode(four) && reader->getIntValue(value));
     EXPECT_EQ(std::pair(four, value), std::pair(0x30313233u, std::int32_t(0x37363534)));
-    std::ofstream(url, std::ios::app) << "more";
-    EXPECT_EQ(reader->length(), 14u);
-    std::ofstream(url, std::ios::app) << "more";
-    EXPECT_EQ(reader->length(), 14u);
-    auto empty = readerOf(dir.file("empty", ""));
-    EXPECT_EQ(empty->length(), 0u);
-    std::ofstream(dir / "empty") << "xyz";
-    EXPECT_EQ(empty->length(), 3u);
+    auto grows = readerOf(dir.file("grows", ""));
+    for (const auto& [more, length] : {std::pair("", 0u), {"x", 1u}, {"yz", 1u}}) {
+        std::ofstream(dir / "grows", std::ios::app) << more;
+        EXPECT_EQ(grows->length(), length);
+    }
     KROErrorPtr error;
     EXPECT_FALSE(reader->setPosition(UINT64_MAX, &error));
     expectError(error, EINVAL, "KROFile_action_movingPosition");
