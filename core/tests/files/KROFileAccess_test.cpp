@@ -653,6 +653,11 @@ TEST(KROURLExtension, TheWellKnownDirectoriesAreKeptForTheProcess) {
     EXPECT_EQ(inChild(publicDirectory), (home / "Papers").string());
     fs::remove(home / ".config/user-dirs.dirs");
     EXPECT_EQ(inChild(publicDirectory), (home / "Documents").string());
+    EXPECT_EQ(inChild([&] {
+                  ::setenv("TMPDIR", home.c_str(), 1);
+                  return kro::temporaryDirectory().string();
+              }),
+              home.string());
     const auto privateTwice = [] {
         KROErrorPtr error, again;
         const fs::path first = kro::privateDirectory(&error);

@@ -257,6 +257,12 @@ TEST(KROAudioProcessor, AutomationsComeFromSettingsAndLeaveTogether) {
     EXPECT_TRUE(processor->setSettings(automations({})));
     EXPECT_EQ(processor->countOfAutomations(), 0u);
     EXPECT_EQ(inserted->processor(), nullptr);
+    inserted->setLength(2.0);
+    inserted->setStart(1.5);
+    EXPECT_EQ(inserted->end(), 2.0) << "setStart keeps the end";
+    // A processor that goes away leaves no bus pointing at it.
+    const auto bus = make<KROTestPassThrough>()->inputBuses().front();
+    EXPECT_EQ(bus->destination(), nullptr);
 }
 
 // After the first block a chain of ten processors pulls, with an observer,

@@ -178,6 +178,13 @@ TEST(KROAudioStream, AChainRunsUntilItsStreamGoesAway) {
     const auto p3 = processorOf<KROTestPassThrough>(*stream, "p3");
     ASSERT_TRUE(stream->start() && stream->isRunning());
     EXPECT_TRUE(allSamplesAre(head->renderBlock(), 0.5f));
+    // Disconnecting clears both the bus and the connection's end; removing a
+    // processor clears its stream.
+    stream->disconnectInputBus(*head->inputBus());
+    EXPECT_TRUE(!head->inputConnection() && !stream->connectionWithIdentifier("c1")->inputBus());
+    const auto p1 = processorOf<KROTestPassThrough>(*stream, "p1");
+    stream->removeProcessorsObject(p1.get());
+    EXPECT_EQ(p1->stream(), nullptr);
     stream.reset();
     EXPECT_EQ(std::tuple(head->stopCount, p3->resetCount, p3->uninitializeCount,
                          p3->isInitialized(), p3->stream(), p3->outputConnection()),
