@@ -75,7 +75,8 @@ TEST(KROAudioConnection, APullMeetsSilenceAnUntouchedBufferOrTheSource) {
         {"other channel count", none, 1, 64, 0.25f},
         {"maxFrames below the frames", none, 2, 63, 0.25f},
         {"cleared", [](auto& c) { c.clear(); }, 2, 64, 0.25f},
-        {"open upstream end", [](auto& c) { c.setInput(nullptr); }, 2, 64, 0.25f},
+        {"open upstream end", [](auto& c) { KROAudioStream().disconnectOutputBus(*c.outputBus()); },
+         2, 64, 0.25f},
         {"exactly maxFrames", none, 2, 64, 0.5f},
         {"active again", [](auto& c) { c.setActive(false), c.setActive(true); }, 2, 64, 0.5f},
     };
@@ -211,13 +212,15 @@ TEST(KROAudioProcessor, AClassThatDoesNotInitialiseSaysSo) {
 TEST(KROAudioProcessor, SettingsOfAProcessorAndAGenerator) {
     auto processor = make<KROAudioProcessor>();
     const KROPropertyList settings = processor->settings();
-    EXPECT_EQ(*settings.objectForKey("channelConfigurations"),
-              KROPropertyList(KROPropertyList::Array{KROPropertyList::Array{-1, -1}}));
+    EXPECT_EQ(
+        *settings.objectForKey("channelConfigurations"),
+        KROPropertyList(KROPropertyList::Array{KROPropertyList(KROPropertyList::Array{-1, -1})}));
     KROPropertyList wrong;
     wrong.setObjectForKey("identifier", 12);
     wrong.setObjectForKey("automations", "none");
     for (const KROPropertyList& configurations :
-         {KROPropertyList(2), KROPropertyList(KROPropertyList::Array{KROPropertyList::Array{1}})}) {
+         {KROPropertyList(2),
+          KROPropertyList(KROPropertyList::Array{KROPropertyList(KROPropertyList::Array{1})})}) {
         wrong.setObjectForKey("channelConfigurations", configurations);
         EXPECT_TRUE(processor->setSettings(wrong));
         EXPECT_EQ(processor->settings(), settings);
@@ -227,7 +230,7 @@ TEST(KROAudioProcessor, SettingsOfAProcessorAndAGenerator) {
     EXPECT_FALSE(generator->parameters() || generator->channelConfigurations());
     KROPropertyList given;
     given.setObjectForKey("channelConfigurations",
-                          KROPropertyList::Array{KROPropertyList::Array{0, 2}});
+                          KROPropertyList::Array{KROPropertyList(KROPropertyList::Array{0, 2})});
     ASSERT_TRUE(generator->setSettings(given));
     EXPECT_EQ(*generator->channelConfigurations(), (std::vector<KROChannelConfiguration>{{0, 2}}));
 }
