@@ -1,9 +1,8 @@
-// Part 2.6 (data model only): how one parameter of one processor moves
-// during one stretch of a timeline. Part 2.1 falls back to this class for an
-// automation whose class is unknown. Here it is the plain record with its
-// properties; the curve (a KROValueMap, Part 8.1) and the playback of
-// Part 2.6 come with that Part. Until then the curve's properties are kept
-// as the dictionary they were given.
+// How one parameter of one processor moves during one stretch of a
+// timeline. A processor falls back to this class for an automation whose
+// class is unknown. This is the plain record with its properties; the curve
+// is kept as the dictionary of properties it was given, for the value map
+// and the playback that read it.
 #pragma once
 
 #include <memory>
@@ -34,7 +33,7 @@ public:
     double length() const { return length_; }
     void setLength(double length) { length_ = length; }
 
-    // Part 2.6 Algorithm 2: setStart keeps the end, setEnd keeps the start.
+    // setStart keeps the end, setEnd keeps the start.
     double start() const { return location_; }
     void setStart(double start);
     double end() const { return location_ + length_; }
@@ -42,7 +41,7 @@ public:
 
     float minimum() const { return minimum_; }
     float maximum() const { return maximum_; }
-    // Part 2.6 Algorithm 3: limited by the parameter's "minimum" and
+    // Limited by the parameter's "minimum" and
     // "maximum" when both processor and parameterKey are present.
     void setMinimum(float minimum);
     void setMaximum(float maximum);
@@ -52,7 +51,7 @@ public:
     const std::string& parameterKey() const { return parameterKey_; }
     void setParameterKey(std::string key) { parameterKey_ = std::move(key); }
 
-    // The properties of the curve, as Part 8.1's map will read them.
+    // The properties of the curve, as a value map reads them.
     const KROPropertyList& valueMapProperties() const { return valueMapProperties_; }
 
     // Eight keys, always: class, location, length, valueMap, minimum,

@@ -97,7 +97,7 @@ KROAudioProcessor::processorWithSettings(const KROPropertyList& settings, KROErr
 }
 
 std::shared_ptr<KROAudioProcessor> KROAudioProcessor::copy() const {
-    // Part 2.1 Algorithm 10: a copy is made through settings only, so bus
+    // A copy is made through settings only, so bus
     // counts, connections, stream and initialisation are not carried over.
     auto copy = std::dynamic_pointer_cast<KROAudioProcessor>(
         KROClassRegistry::sharedRegistry().makeObject(className()));
@@ -213,7 +213,8 @@ void KROAudioProcessor::setValue(const KROPropertyList& /*value*/, const std::st
 
 bool KROAudioProcessor::setNumberOfInputBuses(std::uint64_t count, KROErrorPtr* error) {
     constexpr const char* action = "KROAudioProcessor_action_settingNumberOfInputBuses";
-    // Algorithm 4: the initialised test comes before the equal-count test.
+    // The initialised test comes before the equal-count test: a frozen
+    // processor refuses even a request that would change nothing.
     if (initialized_) {
         return KROFail<KROAudioProcessorError>(error, 1, action);
     }
@@ -282,7 +283,7 @@ KROAudioConnection* KROAudioProcessor::outputConnection() const {
 }
 
 void KROAudioProcessor::dock(KROAudioProcessorDock& dock) {
-    // Part 2.1 Algorithm 9: the processor's own buses are released and the
+    // The processor's own buses are released and the
     // dock's two bus objects become its buses.
     if (&dock == this) {
         return;
@@ -350,8 +351,8 @@ void KROAudioProcessor::insertAutomationsAtIndexes(const Automations& automation
 }
 
 void KROAudioProcessor::removeAutomationsAtIndexes(const KROIndexSet& indexes) {
-    // Part 2.1 Algorithm 8, required as it stands: every automation of the
-    // list loses its processor, not only those removed.
+    // Kept as it stands: every automation of the list loses its processor,
+    // not only those removed; a caller that keeps some sets it again.
     for (const auto& automation : automations_) {
         automation->setProcessor(nullptr);
     }
