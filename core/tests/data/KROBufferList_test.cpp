@@ -173,7 +173,8 @@ TEST(KROBufferList, RefusedCopiesReportTheirCodeAndChangeNothing) {
         };
     for (std::size_t row = 0; row < std::size(cases); ++row) {
         SCOPED_TRACE(row);
-        const auto& [code, action, change] = cases[row];
+        const auto& [code, action, refusedChange] = cases[row];
+        const auto& change = refusedChange; // clang 14 cannot capture a binding
         auto destination = countingList(2, 8, 1000);
         ASSERT_TRUE(destination->setFrames(7));
         const auto before = samplesOf(*destination);
