@@ -17,6 +17,8 @@
 #include "KROResources.h"
 #include "KROStringHelpers.h"
 #include "KROStringWithFormat.h"
+#include "KROTextNumbers.h"
+#include "KROTimeFormatter.h"
 #include "KROXMLParser.h"
 
 // Core audio data
