@@ -4,11 +4,14 @@
 #include "KROVersion.h"
 
 // Utilities and the object model
+#include "KROBitDepthFormatter.h"
 #include "KROCRC.h"
 #include "KROClassRegistry.h"
+#include "KRODecibelFormatter.h"
 #include "KRODeque.h"
 #include "KROExtended80.h"
 #include "KROLog.h"
+#include "KROMIDINoteFormatter.h"
 #include "KROMultipartRequest.h"
 #include "KRONotificationCenter.h"
 #include "KROObject.h"
@@ -19,6 +22,7 @@
 #include "KROStringWithFormat.h"
 #include "KROTextNumbers.h"
 #include "KROTimeFormatter.h"
+#include "KROTimeRemainingFormatter.h"
 #include "KROXMLParser.h"
 
 // Core audio data
