@@ -28,6 +28,9 @@
 // Core audio data
 #include "KROAudioBufferList.h"
 #include "KROAudioBufferListRecord.h"
+#include "KROAudioChannelDescription.h"
+#include "KROAudioChannelManager.h"
+#include "KROAudioChannelSet.h"
 #include "KROAudioConverter.h"
 #include "KROAudioRingBufferList.h"
 #include "KROAudioStreamBasicDescription.h"
