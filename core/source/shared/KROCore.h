@@ -23,6 +23,7 @@
 #include "KROTextNumbers.h"
 #include "KROTimeFormatter.h"
 #include "KROTimeRemainingFormatter.h"
+#include "KROUserDefaults.h"
 #include "KROXMLParser.h"
 
 // Core audio data
@@ -32,6 +33,8 @@
 #include "KROAudioChannelManager.h"
 #include "KROAudioChannelSet.h"
 #include "KROAudioConverter.h"
+#include "KROAudioFilenameScheme.h"
+#include "KROAudioFilenameSchemes.h"
 #include "KROAudioRingBufferList.h"
 #include "KROAudioStreamBasicDescription.h"
 #include "KROAudioStreamDescription.h"
