@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "DevicesCommand.h"
+#include "FormatCommand.h"
 #include "KROCore.h"
 #include "PlayCommand.h"
 
@@ -43,6 +44,7 @@ int main(int argc, char** argv) {
     CLI::App* classes = app.add_subcommand("classes", "List the classes in the class registry");
     classes->add_flag("--json", classesAsJSON, "Print JSON");
     DevicesCommand devices(app);
+    FormatCommand format(app);
     PlayCommand play(app);
 
     CLI11_PARSE(app, argc, argv);
@@ -55,6 +57,9 @@ int main(int argc, char** argv) {
     }
     if (play.parsed()) {
         return play.run();
+    }
+    if (format.parsed()) {
+        return format.run();
     }
     std::cout << app.help();
     return 0;

@@ -1,0 +1,120 @@
+// `kro format` as a user runs it from the shell: the text of a time, level
+// or note, a text read back into its number, JSON that python reads, and a
+// clear message with exit code 1 for every kind of bad input.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "KROTestCommand.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Outcome {
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+};
+
+// Runs kro through the shell, so that arguments are written as a user types them.
+Outcome runKro(const std::string& arguments) {
+    const fs::path errors =
+        fs::path(KRO_TEST_BINARY_DIR) / ("kro-format-" + std::to_string(getpid()) + ".err");
+    const KROCommandResult result =
+        KRORunCommand("'" KRO_TOOL "' format " + arguments + " 2>'" + errors.string() + "'");
+    std::ifstream in(errors);
+    std::ostringstream err;
+    err << in.rdbuf();
+    fs::remove(errors);
+    return {result.status, result.output, err.str()};
+}
+
+} // namespace
+
+TEST(KROFormatCommand, ShowsAndReadsTimesLevelsAndNotes) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"time 61.5 --style m:ss.hh", "1:01.50\n"},
+        {"time -1.5 --style milliseconds", "-1500\n"},
+        {"time 1:01.50 --style m:ss.hh --parse", "61.5\n"},
+        {"time 3600 --style 5", "1:00:00;00\n"},
+        {"time '01:00:00;00' --style smpte-29.97-drop --parse", "3600\n"},
+        {"time 2.75 --style bars-960 --tempo 120 --meter 4 --position", "2|2|480\n"},
+        {"time 10 --style bars-480 --tempo 0", "--\n"},
+        {"time 0.5 --style samples --rate 44100", "22050\n"},
+        {"time 3723.5", "1:02:03.500\n"},
+        {"db -6", "-6.0 dB\n"},
+        {"db 3.256 --style gain --precision 2", "+3.26 dB\n"},
+        {"db -- -inf", "-inf dB\n"},
+        {"db --parse -- '-inf dB'", "-inf\n"},
+        {"note 61 --style flats", "Db4\n"},
+        {"note C#4 --parse", "61\n"},
+    };
+    for (const auto& [arguments, text] : cases) {
+        SCOPED_TRACE(arguments);
+        const Outcome outcome = runKro(arguments);
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+        EXPECT_EQ(outcome.out, text);
+        EXPECT_EQ(outcome.err, "");
+    }
+}
+
+TEST(KROFormatCommand, BadInputIsAClearMessageAndExit1) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"time nan", "kro: \"nan\" is not seconds; add --parse to read a text.\n"},
+        {"time inf", "kro: \"inf\" is not seconds; add --parse to read a text.\n"},
+        {"time 1e300 --style m:ss.hh", "kro: 1e300 has no text in the time style m:ss.hh.\n"},
+        {"time 1 --style 24", nullptr},
+        {"time '1|1' --style bars-480 --parse",
+         "kro: Write bars, beats and ticks as bars|beats|ticks, such as 2|1|000.\n"},
+        {"time '1|1|000' --style bars-480 --tempo 0 --parse",
+         "kro: Bars and beats need a tempo and a time signature.\n"},
+        {"time '1 minute' --style words --parse",
+         "kro: \"1 minute\" cannot be read in the style words.\n"},
+        {"volume 1", "kro: unknown kind \"volume\"; the kinds are time, db and note.\n"},
+        {"db loud --parse", "kro: \"loud\" is not a level in decibels such as -6.0 dB or -inf.\n"},
+        {"db 1 --style shouting",
+         "kro: unknown db style \"shouting\"; the styles are level, gain.\n"},
+        {"note H4 --parse", "kro: \"H4\" is not a note such as C4, C#4 or Db4.\n"},
+        {"note G#9 --parse", "kro: \"G#9\" lies outside the MIDI notes C-1 to G9.\n"},
+        {"note 200", "kro: 200 has no text in the note style sharps.\n"},
+    };
+    for (const auto& [arguments, message] : cases) {
+        SCOPED_TRACE(arguments);
+        const Outcome outcome = runKro(arguments);
+        EXPECT_EQ(outcome.exitCode, 1);
+        EXPECT_EQ(outcome.out, "");
+        if (message) {
+            EXPECT_EQ(outcome.err, message);
+        } else {
+            EXPECT_EQ(
+                outcome.err.rfind("kro: unknown time style \"24\"; the styles are samples, ", 0),
+                0u)
+                << outcome.err;
+        }
+    }
+}
+
+TEST(KROFormatCommand, JSONHoldsKindStyleValueAndText) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"time 90000 --style smpte-30", "time smpte-30 90000 25:00:00:00"},
+        {"db -- -inf", "db level None -inf dB"},
+        {"note Db4 --parse", "note sharps 61 Db4"},
+    };
+    for (const auto& [arguments, fields] : cases) {
+        SCOPED_TRACE(arguments);
+        const Outcome outcome = runKro(std::string("--json ") + arguments);
+        ASSERT_EQ(outcome.exitCode, 0) << outcome.err;
+        const std::string read =
+            KRORunCommand("echo '" + outcome.out +
+                          "' | /usr/bin/python3 -c 'import json,sys; d=json.load(sys.stdin); "
+                          "print(d[\"kind\"], d[\"style\"], d[\"value\"], d[\"text\"])'")
+                .output;
+        EXPECT_EQ(read, std::string(fields) + "\n") << outcome.out;
+    }
+}
