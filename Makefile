@@ -4,8 +4,9 @@ BUILD ?= build
 BUILD_ASAN ?= build-asan
 BUILD_TSAN ?= build-tsan
 CMAKE_FLAGS ?=
+PREFIX ?= /usr/local
 
-.PHONY: all deps configure build asan test test-plain test-asan demo bench tsan fuzz format clean
+.PHONY: all deps configure build install asan test test-plain test-asan demo bench tsan fuzz format clean
 
 all: build
 
@@ -17,6 +18,11 @@ configure: deps
 
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
+
+# Installs the library, its headers, resources, CMake package, pkg-config file,
+# kro and its manual page under PREFIX.
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 test: test-plain test-asan
 

@@ -54,6 +54,9 @@ void printText(const KROAudioDevice::Devices& devices) {
 DevicesCommand::DevicesCommand(CLI::App& app) {
     command_ = app.add_subcommand("devices", "List the audio devices (JACK)");
     command_->add_flag("--json", json_, "Print JSON");
+    command_->footer("A device is a JACK client that owns physical ports: its capture ports are\n"
+                     "its inputs, its playback ports its outputs.\n\n"
+                     "Example:\n  kro devices --json");
 }
 
 int DevicesCommand::run() const {

@@ -130,6 +130,11 @@ PlayCommand::PlayCommand(CLI::App& app) {
     command_->add_option("--device", device_, "Device name or unique id (see `kro devices`)");
     command_->add_option("--frames", frames_, "Buffer size of the device in frames")
         ->check(CLI::Range(16u, 8192u));
+    command_->footer(
+        "The description's render head is the device head; the stream plays until\n"
+        "--seconds have passed or Ctrl-C, with live meters when the graph has a\n"
+        "level meter, and ends with the blocks played, the xruns and the DSP load.\n\n"
+        "Example:\n  kro play examples/sine-to-level-meter.plist --seconds 5 --frames 256");
 }
 
 int PlayCommand::run() const {

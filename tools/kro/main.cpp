@@ -36,13 +36,15 @@ int printClasses(bool asJSON) {
 } // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"kro: the KROCore audio engine on the command line"};
+    CLI::App app{"kro: the KROCore audio engine on the command line", "kro"};
     app.set_version_flag("--version", std::string("kro (KROCore) ") + KROCORE_VERSION_STRING);
     app.require_subcommand(0, 1);
 
     bool classesAsJSON = false;
     CLI::App* classes = app.add_subcommand("classes", "List the classes in the class registry");
     classes->add_flag("--json", classesAsJSON, "Print JSON");
+    classes->footer("Example:\n  kro classes --json");
+    app.footer("Run `kro COMMAND --help` for what a command does, its options and an example.");
     DevicesCommand devices(app);
     FormatCommand format(app);
     PlayCommand play(app);

@@ -1,6 +1,8 @@
-// Where the library's resource files are found (DESIGN.md section 6): the
-// directory named by KROCORE_RESOURCES, else the installed share/krocore,
-// else the source tree's core/resources (tests and the build tree).
+// Where the library's resource files are found: the directory named by
+// KROCORE_RESOURCES; else, for the library of a build tree, the sources'
+// core/resources; else share/krocore beside the installed library, found from
+// the library's own file so that an installed tree may be moved; else the
+// folder it was installed to.
 #pragma once
 
 #include <filesystem>
