@@ -159,10 +159,7 @@ void print(const Options& options, double value, const std::string& text) {
 FormatCommand::FormatCommand(CLI::App& app) {
     command_ = app.add_subcommand("format", "Show a time, level or note as text, or read it back");
     command_->add_option("kind", options_.kind, "time, db or note")->required();
-    command_
-        ->add_option("value", options_.value,
-                     "The number to show, or with --parse the text; put -- before a value "
-                     "that starts with a minus and is no number, as in: format db -- -inf")
+    command_->add_option("value", options_.value, "The number to show, or with --parse the text")
         ->required();
     command_->add_option("--style", options_.style,
                          "time: " + joined(timeStyles()) +
@@ -174,6 +171,12 @@ FormatCommand::FormatCommand(CLI::App& app) {
     command_->add_option("--meter", options_.meter, "Beats per bar of the bar styles");
     command_->add_flag("--position", options_.position, "Bars count from 1|1|000");
     command_->add_option("--precision", options_.precision, "Decimals of a level");
+    command_->footer(
+        "Shows a number of seconds, decibels or a MIDI note number as the library's\n"
+        "formatters write it, or with --parse reads such a text back into the number.\n"
+        "A value that starts with a minus sign and is no number follows --.\n\n"
+        "Example:\n  kro format time 61.5 --style m:ss.hh\n  kro format note C#4 --parse --json\n"
+        "  kro format db -- -inf");
 }
 
 int FormatCommand::run() const {

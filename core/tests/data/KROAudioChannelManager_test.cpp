@@ -35,28 +35,14 @@ const std::map<std::string, std::set<std::string>> kPositions{
     {"Rsb", {"BR"}},  {"Cs", {"BC"}},       {"Lc", {"FLC"}},      {"Rc", {"FRC"}},
 };
 
-std::vector<std::string> split(const std::string& text, char separator) {
-    std::vector<std::string> parts;
-    std::istringstream in(text);
-    for (std::string part; std::getline(in, part, separator);) {
-        parts.push_back(part);
-    }
-    return parts;
-}
-
-// ffmpeg's standard layouts, "5.1" -> FL FR FC LFE BL BR.
-std::map<std::string, std::vector<std::string>> ffmpegLayouts() {
-    std::map<std::string, std::vector<std::string>> layouts;
-    std::istringstream lines(KRORunCommand("ffmpeg -hide_banner -layouts").output);
-    bool inLayouts = false;
-    for (std::string line; std::getline(lines, line);) {
-        inLayouts = inLayouts || line.find("Standard channel layouts") != std::string::npos;
-        std::istringstream words(line);
-        std::string name;
-        std::string decomposition;
-        if (inLayouts && words >> name >> decomposition && name != "NAME") {
-            layouts[name] = split(decomposition, '+');
-        }
+// ffmpeg's standard layouts, "5.1" -> "FL+FR+FC+LFE+BL+BR".
+std::map<std::string, std::string> ffmpegLayouts() {
+    std::map<std::string, std::string> layouts;
+    std::istringstream lines(
+        KRORunCommand("ffmpeg -hide_banner -layouts | sed -n '/^Standard/,$p' | tail -n +3")
+            .output);
+    for (std::string name, decomposition; lines >> name >> decomposition;) {
+        layouts[name] = decomposition;
     }
     return layouts;
 }
@@ -115,7 +101,12 @@ TEST(KROAudioChannelManager, LayoutsAgreeWithFfprobeAndTheWAVEChannelMask) {
                       .output,
                   set->identifier() + "\n");
         const auto speakers = maskSpeakers(file);
-        EXPECT_EQ(speakers, layout->second);
+        std::string joined;
+        for (const std::string& speaker : speakers) {
+            joined += joined.empty() ? "" : "+";
+            joined += speaker;
+        }
+        EXPECT_EQ(joined, layout->second);
         ASSERT_EQ(set->countOfDescriptions(), speakers.size());
         for (std::size_t channel = 0; channel < speakers.size(); ++channel) {
             const std::string abbreviation =
@@ -190,19 +181,4 @@ TEST(KROAudioChannelManager, AbbreviationsFindASetWhateverTheirCaseOrderOrRepeat
         const auto set = manager.setForChannelAbbreviations(c.abbreviations);
         EXPECT_EQ(set ? set->identifier() : "none", c.identifier ? c.identifier : "none");
     }
-}
-
-TEST(KROAudioChannelManager, SetsAndChannelsAreEqualByTheirNames) {
-    const auto set = KROAudioChannelSet::setWithName("Stereo", "stereo");
-    auto same = KROAudioChannelSet::setWithName("Stereo", "stereo");
-    same->insertObjectInDescriptionsAtIndex(
-        KROAudioChannelDescription::descriptionWithName("Left", "L"), 0);
-    EXPECT_TRUE(set->isEqual(*same));
-    EXPECT_EQ(set->hash(), same->hash());
-    EXPECT_FALSE(set->isEqual(*KROAudioChannelSet::setWithName("Two", "stereo")));
-    EXPECT_FALSE(set->isEqual(*KROAudioChannelSet::setWithName("Stereo", "2.0")));
-    const auto left = KROAudioChannelDescription::descriptionWithName("Left", "L");
-    EXPECT_TRUE(left->isEqual(*KROAudioChannelDescription::descriptionWithName("Left", "L")));
-    EXPECT_FALSE(left->isEqual(*KROAudioChannelDescription::descriptionWithName("Left", "Lt")));
-    EXPECT_FALSE(left->isEqual(*set));
 }

