@@ -120,7 +120,7 @@ TEST(KROAudioFilenameScheme, PropertiesAreReadWhenPresentAndAlwaysWritten) {
 TEST(KROAudioFilenameSchemes, TheBuiltInSchemesStandUntilTheUserHasAList) {
     const ScratchStore store;
     KROUserDefaults defaults(store.path);
-    const KROAudioFilenameSchemes schemes(defaults);
+    KROAudioFilenameSchemes schemes(defaults);
     EXPECT_EQ(expressionsOf(schemes),
               (std::vector<std::string>{"./abbr/ (locked)", "-/abbr/./ext/ (locked)",
                                         "./abbr/./ext/ (locked)", "./ext/(/abbr/) (locked)"}));
@@ -133,8 +133,10 @@ TEST(KROAudioFilenameSchemes, TheBuiltInSchemesStandUntilTheUserHasAList) {
         EXPECT_EQ(scheme ? scheme->expression() : "none", expression ? expression : "none");
     }
     EXPECT_EQ(schemes.schemeWithExpression("./abbr/"), schemes.objectInSchemesAtIndex(0));
-    EXPECT_EQ(schemes.schemeWithExpression(""), nullptr);
     EXPECT_EQ(schemes.schemeWithExpression("./abbr"), nullptr);
+    // An empty expression names no scheme, even when the list holds one.
+    schemes.insertObjectInSchemesAtIndex(KROAudioFilenameScheme::schemeWithExpression(""), 4);
+    EXPECT_EQ(schemes.schemeWithExpression(""), nullptr);
 }
 
 TEST(KROAudioFilenameSchemes, EveryChangeIsWrittenThroughAndTheStoredListReplacesTheDefaults) {
@@ -151,8 +153,10 @@ TEST(KROAudioFilenameSchemes, EveryChangeIsWrittenThroughAndTheStoredListReplace
         schemes.removeObjectFromSchemesAtIndex(9);
         // A scheme out of the list is no longer watched.
         const std::string stored = contentsOf(store.path);
+        fs::remove(store.path);
         removed->setExpression("+/abbr/");
-        EXPECT_EQ(contentsOf(store.path), stored);
+        EXPECT_FALSE(fs::exists(store.path));
+        std::ofstream(store.path) << stored;
         // The list in use, whichever scheme matches first.
         EXPECT_EQ(schemes.schemeForFilename("take_L")->expression(), "_/abbr/");
         EXPECT_EQ(schemes.schemeForFilename("take=L.wav")->expression(), "=/abbr/./ext/");

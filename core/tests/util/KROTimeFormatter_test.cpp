@@ -111,6 +111,7 @@ TEST(KROTimeFormatter, TypedTextReadsBackToSeconds) {
         {{.format = 1}, "1500", 1.5},
         {{.format = 2}, "abc", 0.0},
         {{.format = 2}, " -1.5e1x", -15},
+        {{.format = 2}, "1e-999", 0},
         // Whole numbers too long for 64 bits hold at the largest.
         {{.format = 12}, "99999999999999999999:00", 60 * 9223372036854775807.0},
         // Every dot before the last one separates fields.

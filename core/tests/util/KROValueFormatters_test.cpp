@@ -81,7 +81,7 @@ TEST(KRODecibelFormatter, ShowsLevelsWithTheChosenPrecisionAndSilenceAsMinusInf)
         {"-INF", -kInfinity},
         {"-inf dB", -kInfinity},
     };
-    const char* const refused[] = {"", "dB", "3 dBx", "inf", "nan", "1e999", "- 3"};
+    const char* const refused[] = {"", "dB", "3 dBx", "1e", "inf", "nan", "1e999", "- 3"};
     expectReadings<KRODecibelFormatter, double>(KRODecibelFormatter(), accepted, refused);
 }
 
@@ -132,7 +132,7 @@ TEST(KROBitDepthFormatter, ShowsIntegerAndFloatSampleSizes) {
         {"16", {16, false}},          {" 24 bit ", {24, false}}, {"8bit", {8, false}},
         {"32 Bit Float", {32, true}}, {"32 float", {32, true}},  {"32-bit integer", {32, false}},
     };
-    const char* const refused[] = {"",  "bit",   "16-bit floaty", "1234", "-16", "24-bit float",
+    const char* const refused[] = {"",  "bit",   "32-bit floaty", "1234", "-16", "24-bit float",
                                    "0", "48-bit"};
     expectReadings<KROBitDepthFormatter, KROBitDepth>(formatter, accepted, refused);
 }
@@ -140,10 +140,15 @@ TEST(KROBitDepthFormatter, ShowsIntegerAndFloatSampleSizes) {
 TEST(KROTimeRemainingFormatter, RoundsCalmlyAndReadsHumanDurations) {
     const KROTimeRemainingFormatter formatter;
     const std::pair<double, const char*> cases[] = {
-        {1, "1 second"},    {44.6, "45 seconds"},
-        {59.6, "1 minute"}, {154, "2 minutes 30 seconds"},
-        {3596, "1 hour"},   {7260, "2 hours 1 minute"},
-        {-1, ""},           {1e300, ""},
+        {0, "0 seconds"},
+        {1, "1 second"},
+        {44.6, "45 seconds"},
+        {59.6, "1 minute"},
+        {154, "2 minutes 30 seconds"},
+        {3596, "1 hour"},
+        {7260, "2 hours 1 minute"},
+        {-1, ""},
+        {1e300, ""},
     };
     for (const auto& [seconds, text] : cases) {
         EXPECT_EQ(formatter.stringForObjectValue(seconds), text) << seconds;
