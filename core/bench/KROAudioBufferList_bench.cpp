@@ -1,4 +1,4 @@
-// Part 1.2: the render-path operations of KROAudioBufferList at 64, 512 and
+// The render-path operations of KROAudioBufferList at 64, 512 and
 // 4096 frames of 2 channels, each beside memcpy and memset of the same bytes
 // in the same run. Every benchmark reports ns/frame; the table printed at the
 // end gives each operation's time as a multiple of memcpy's (and memset's).

@@ -1,12 +1,12 @@
-// Part 1.4: the sample format converter on the file handlers' two paths, 10 s
+// The sample format converter on the file handlers' two paths, 10 s
 // of stereo at 44.1 kHz, beside libsndfile doing the same conversion in the
 // same run over a memory file (sf_open_virtual):
 //
 //   read   16-bit, 24-bit and 32-bit float interleaved little-endian bytes to
-//          the working format (non-interleaved float), by convertInput
-//          (Algorithm 3); libsndfile by sf_readf_float.
-//   write  the working format back to those bytes, by convertAudioBuffer
-//          (Algorithm 5); libsndfile by sf_writef_float.
+//          the working format (non-interleaved float), by convertInput as
+//          the handlers read; libsndfile by sf_readf_float.
+//   write  the working format back to those bytes, by convertAudioBuffer as
+//          the handlers write; libsndfile by sf_writef_float.
 //
 // libsndfile gives and takes interleaved floats, so its side does no
 // (de-)interleaving; ours does, and clips, which libsndfile does not by

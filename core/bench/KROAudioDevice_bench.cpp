@@ -1,4 +1,4 @@
-// Part 9.1: the DSP load of the demo graph (examples/sine-to-level-meter.plist,
+// The DSP load of the demo graph (examples/sine-to-level-meter.plist,
 // a stereo sine through a level meter into the device head) on a private
 // JACK server with the dummy backend, at 64 and 256 frames, beside JACK's own
 // example client jack_simple_client (a stereo sine from a table) on the same

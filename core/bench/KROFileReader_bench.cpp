@@ -1,4 +1,4 @@
-// Part 3.1: sequential reading through KROFileReader in the block sizes the
+// Sequential reading through KROFileReader in the block sizes the
 // format handlers use, beside plain read() of the same file in the same run,
 // page cache warm. Goal: at least 0.9x of read(). The ratios are printed
 // after the table.

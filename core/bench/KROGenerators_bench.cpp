@@ -1,4 +1,4 @@
-// Parts 4.7 and 4.2: 60 s of stereo at 48 kHz rendered by the sine generator
+// 60 s of stereo at 48 kHz rendered by the sine generator
 // and by the pink noise generator through a level meter ("vu", "peak") into
 // an offline head, in blocks of 512 frames, beside sox making the same 60 s
 // in the same run:

@@ -1,4 +1,4 @@
-// Parts 2.1 to 2.3: the cost of the graph itself. A render head pulls one
+// The cost of the graph itself. A render head pulls one
 // block through a chain of N pass-through processors from a generator; the
 // pass-throughs do no audio work, so the time is that of the buses,
 // connections (activeLock) and calls. per_crossing is the time of one

@@ -1,4 +1,4 @@
-// `kro devices [--json]`: the audio devices of Part 9.1, with their channels,
+// `kro devices [--json]`: the audio devices, with their channels,
 // rate and buffer size.
 #pragma once
 

@@ -1,7 +1,6 @@
-// libFuzzer target for the resource-fork parser of Part 3.1: random bytes
-// read as the container of a fork (AppleDouble, AppleSingle or raw), then
-// the fork walked into resources, and the bytes walked as a raw fork too.
-// Any crash, read past the input, leak or sanitizer report is a finding.
+// The resource-fork parser on random bytes, read as the container of a fork
+// (AppleDouble, AppleSingle or raw) and walked into resources, and walked as
+// a raw fork too.
 #include <cstddef>
 #include <cstdint>
 

@@ -1,6 +1,5 @@
-// libFuzzer target: random bytes read as a property list (XML or binary) and
-// given to KROAudioStream::initWithDescription, then initialised, copied and
-// released. Any crash, leak or sanitizer report is a finding.
+// Random bytes read as a property list (XML or binary), given to
+// KROAudioStream::initWithDescription, then initialised, copied and released.
 #include <cstddef>
 #include <cstdint>
 

@@ -1,7 +1,6 @@
-// libFuzzer target for KROXMLParser (Part 8.6): the first byte chooses the
-// parser's options, the rest is the document. The element lists are those
-// of the iXML reader (Part 3.8) plus a few short names that random input
-// hits often. Any crash, leak or sanitizer report is a finding.
+// KROXMLParser on random bytes: the first chooses the options, the rest is
+// the document. The element lists are the iXML reader's, plus short names
+// that random input hits often.
 #include <cstddef>
 #include <cstdint>
 

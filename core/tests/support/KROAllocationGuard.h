@@ -1,13 +1,9 @@
-// The allocation guard of DESIGN.md section 5: counts heap allocations made on
-// the current thread while a guard is alive. Every test binary links it.
-//
-// Counted: operator new and new[] in all their forms (through malloc and the
-// aligned allocation below), malloc, calloc, realloc, aligned_alloc,
-// posix_memalign, memalign. In a normal build these entry points are replaced
-// and forward to glibc's allocator; in a sanitizer build (KRO_SANITIZER_BUILD)
-// the sanitizer's allocator keeps them and reports every allocation, malloc
-// and operator new alike, to a hook installed here; ThreadSanitizer's runtime
-// does not report aligned_alloc and posix_memalign to that hook.
+// Counts the heap allocations made on the current thread while a guard is
+// alive, so that a test can show that a render call allocates nothing:
+// malloc, calloc, realloc, aligned_alloc, posix_memalign, memalign, and so
+// operator new in every form. In a sanitizer build the sanitizer reports them
+// to a hook instead; ThreadSanitizer's leaves out aligned_alloc and
+// posix_memalign.
 #pragma once
 
 #include <cstddef>
@@ -30,14 +26,13 @@ private:
     bool wasArmed_;
 };
 
+// The allocations the work makes on this thread.
+template <typename Work> std::size_t KROAllocationsIn(Work work) {
+    const KROAllocationGuard guard;
+    work();
+    return guard.count();
+}
+
 // Runs the statement under a guard and expects that it allocated nothing.
 #define KRO_EXPECT_NO_ALLOCATION(statement)                                                        \
-    do {                                                                                           \
-        std::size_t kroAllocations_ = 0;                                                           \
-        {                                                                                          \
-            const KROAllocationGuard kroGuard_;                                                    \
-            statement;                                                                             \
-            kroAllocations_ = kroGuard_.count();                                                   \
-        }                                                                                          \
-        EXPECT_EQ(kroAllocations_, 0u) << "allocations in: " #statement;                           \
-    } while (false)
+    EXPECT_EQ(KROAllocationsIn([&] { statement; }), 0u) << "allocations in: " #statement

@@ -1,6 +1,5 @@
-// A test fixture that runs each test beside a private JACK server (dummy
-// backend), with an alarm that ends the program rather than let a test that
-// waits on JACK hang.
+// Each test beside a private JACK server, with an alarm that ends the program
+// rather than let a test that waits on JACK hang.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,7 +9,7 @@
 
 class KROJACKServerTest : public ::testing::Test {
 public:
-    // Long enough for the 30 s runs of Part 9.1 under a sanitizer.
+    // Long enough for a 30 s run under a sanitizer.
     static constexpr unsigned watchdogSeconds = 120;
 
 protected:

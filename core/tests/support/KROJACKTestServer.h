@@ -1,8 +1,6 @@
-// A private JACK server for the tests of Part 9.1, of the kro program and of
-// the device benchmark: jackd with the dummy backend under a name of its own,
-// so that a test never touches a user's server. The server dies with the
-// program that started it (PR_SET_PDEATHSIG), and the shared device backend
-// is replaced by a fresh JACK backend bound to it.
+// A private JACK server for tests and benchmarks: jackd with the dummy backend
+// at 48 kHz under a name of its own, never a user's server. It dies with the
+// program that started it, and gets a fresh shared JACK device backend.
 #pragma once
 
 #include <fcntl.h>
@@ -17,7 +15,6 @@
 #include <string>
 #include <thread>
 
-#include "KROAudioDeviceBackend.h"
 #include "KROJACKAudioDeviceBackend.h"
 
 class KROJACKTestServer {
@@ -27,46 +24,36 @@ public:
     KROJACKTestServer& operator=(const KROJACKTestServer&) = delete;
     ~KROJACKTestServer() { stop(); }
 
-    // A unique server name for this process and call.
+    // A name that no server has: this process's number and a count.
     static std::string uniqueName() {
         static int counter = 0;
         return "kro-test-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
     }
 
-    // Whether the next start runs the server and its clients' process
-    // threads under SCHED_FIFO (jackd -R); by default they are ordinary.
-    void setRealtime(bool realtime) { realtime_ = realtime; }
-
-    // Starts jackd and waits until a client can open, at most timeout.
-    bool start(unsigned frames = 256, unsigned rate = 48000,
-               std::chrono::seconds timeout = std::chrono::seconds(10)) {
-        // The probes fail until the server is up; libjack would say so on
-        // standard error each time.
-        jack_set_error_function(silent);
-        jack_set_info_function(silent);
-        name_ = uniqueName();
+    // Starts jackd, under SCHED_FIFO with its clients when realtime (jackd
+    // -R), and waits at most 10 s for it to answer.
+    bool start(unsigned frames = 256, bool realtime = false) {
+        // libjack would report each failed probe on standard error.
+        jack_set_error_function([](const char*) {});
+        jack_set_info_function([](const char*) {});
+        const std::string name = uniqueName();
+        const std::string period = std::to_string(frames);
+        setenv("JACK_NO_AUDIO_RESERVATION", "1", 1);
         pid_ = fork();
         if (pid_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            setenv("JACK_NO_AUDIO_RESERVATION", "1", 1);
             // The server's chatter would bury the test output.
-            const int null = open("/dev/null", O_WRONLY);
-            dup2(null, STDOUT_FILENO);
-            dup2(null, STDERR_FILENO);
-            const std::string period = std::to_string(frames);
-            const std::string sampleRate = std::to_string(rate);
-            execlp("jackd", "jackd", "-n", name_.c_str(), realtime_ ? "-R" : "--no-realtime", "-d",
-                   "dummy", "-r", sampleRate.c_str(), "-p", period.c_str(),
-                   static_cast<char*>(nullptr));
+            dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+            dup2(STDOUT_FILENO, STDERR_FILENO);
+            execlp("jackd", "jackd", "-n", name.c_str(), realtime ? "-R" : "--no-realtime", "-d",
+                   "dummy", "-r", "48000", "-p", period.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
-        if (pid_ < 0) {
-            return false;
-        }
-        setenv("JACK_DEFAULT_SERVER", name_.c_str(), 1);
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (answers()) {
+        setenv("JACK_DEFAULT_SERVER", name.c_str(), 1);
+        for (int attempt = 0; pid_ > 0 && attempt < 200; ++attempt) {
+            jack_status_t status{};
+            if (jack_client_t* probe = jack_client_open("kro-probe", JackNoStartServer, &status)) {
+                jack_client_close(probe);
                 KROAudioDeviceBackend::setSharedBackend(
                     std::make_shared<KROJACKAudioDeviceBackend>());
                 return true;
@@ -76,43 +63,18 @@ public:
         return false;
     }
 
-    // Kills the server: SIGTERM, then SIGKILL after two seconds.
+    // Ends the server with SIGTERM, so that it clears its shared memory, and
+    // waits for it; a test that hangs here meets its alarm, which also ends
+    // the server.
     void stop() {
         KROAudioDeviceBackend::setSharedBackend(nullptr);
-        if (pid_ <= 0) {
-            return;
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            waitpid(pid_, nullptr, 0);
         }
-        kill(pid_, SIGTERM);
-        for (int i = 0; i < 40; ++i) {
-            if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-                pid_ = 0;
-                return;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
         pid_ = 0;
     }
 
-    const std::string& name() const { return name_; }
-
 private:
-    static void silent(const char*) {}
-
-    bool answers() const {
-        jack_status_t status{};
-        jack_client_t* client =
-            jack_client_open("kro-test-probe", jack_options_t(JackNoStartServer | JackServerName),
-                             &status, name_.c_str());
-        if (!client) {
-            return false;
-        }
-        jack_client_close(client);
-        return true;
-    }
-
-    std::string name_;
     pid_t pid_ = 0;
-    bool realtime_ = false;
 };

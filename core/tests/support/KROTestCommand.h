@@ -2,6 +2,10 @@
 // tools) through the shell.
 #pragma once
 
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
 #include <string>
 
 struct KROCommandResult {
@@ -11,4 +15,17 @@ struct KROCommandResult {
 };
 
 // Runs a shell command and collects its standard output.
-KROCommandResult KRORunCommand(const std::string& command);
+inline KROCommandResult KRORunCommand(const std::string& command) {
+    KROCommandResult result;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe) {
+        return result;
+    }
+    std::array<char, 4096> buffer{};
+    for (std::size_t count = 0; (count = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) {
+        result.output.append(buffer.data(), count);
+    }
+    const int status = ::pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}

@@ -51,7 +51,8 @@ bool fail(KROErrorPtr* error, Backend::Status status, std::string_view action) {
     return KROFail<KROAudioDeviceError>(error, status, action);
 }
 
-// Algorithm 1: the rates tried within a range of different bounds.
+// The rates offered within a range of different bounds; a device that gives a
+// range is taken to run at the usual rates inside it, no others.
 constexpr std::array<double, 10> standardRates = {11025, 12000, 22050, 24000,  44100,
                                                   48000, 88200, 96000, 176400, 192000};
 
@@ -235,7 +236,8 @@ std::vector<double> KROAudioDevice::availableSampleRates(KROErrorPtr* error) con
         fail(error, status, "KROAudioDevice_action_retrievingSampleRates");
         return {};
     }
-    // Neither sorted nor merged (Algorithm 1).
+    // In the order of the ranges, neither sorted nor merged: hosts show the
+    // list as the device gives it.
     std::vector<double> rates;
     for (const auto& [minimum, maximum] : ranges) {
         if (minimum == maximum) {

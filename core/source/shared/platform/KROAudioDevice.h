@@ -1,4 +1,4 @@
-// Part 9.1: a thin object around one audio device: its number, and the
+// A thin object around one audio device: its number, and the
 // questions that can be asked of it. It holds no other state; every answer is
 // fetched from the device layer (KROAudioDeviceBackend) when asked for, so
 // two objects for the same number are equal and interchangeable.
@@ -69,7 +69,8 @@ public:
     Sources outputSources(KROErrorPtr* error = nullptr) const;
     Sources sourcesForScope(std::uint32_t scope, KROErrorPtr* error = nullptr) const;
 
-    // Algorithm 1.
+    // Each range of equal bounds gives its rate; each other range gives the
+    // standard rates from 11025 to 192000 that lie within it, bounds included.
     std::vector<double> availableSampleRates(KROErrorPtr* error = nullptr) const;
     double sampleRate(KROErrorPtr* error = nullptr) const;
     bool setSampleRate(double rate, KROErrorPtr* error = nullptr);
@@ -83,7 +84,8 @@ public:
     std::optional<std::vector<std::string>> outputChannelTitles(KROErrorPtr* error = nullptr) const;
     std::optional<std::vector<std::string>>
     channelTitlesForScope(std::uint32_t scope, KROErrorPtr* error = nullptr) const;
-    // Algorithm 2; channel counts from 0.
+    // The device's name for the channel, or "Channel n" counting from 1 when it
+    // has none or an empty one; channel numbers here count from 0.
     std::string titleOfInputChannel(std::uint64_t channel) const;
     std::string titleOfOutputChannel(std::uint64_t channel) const;
     std::string titleOfChannel(std::uint64_t channel, std::uint32_t scope) const;
@@ -105,7 +107,9 @@ public:
     std::uint64_t outputSafetyOffset(KROErrorPtr* error = nullptr) const;
     std::uint64_t safetyOffsetForScope(std::uint32_t scope, KROErrorPtr* error = nullptr) const;
 
-    // Algorithm 3: 0 failed, 1 free, 2 held by this process, 3 by another.
+    // 0 the read failed, 1 free, 2 held by this process, 3 held by another.
+    // setIsExclusive writes only when the state must change, and refuses a
+    // device held by another process with '!hog'.
     int exclusivity(KROErrorPtr* error = nullptr) const;
     bool setIsExclusive(bool exclusive, KROErrorPtr* error = nullptr);
 

@@ -43,7 +43,8 @@ KROAudioDeviceBackend::Status KROAudioDeviceBackend::channelName(DeviceID, std::
 
 KROAudioDeviceBackend::Status KROAudioDeviceBackend::safetyOffset(DeviceID, std::uint32_t,
                                                                   std::uint32_t& frames) {
-    // A layer that knows of no safety offset reports 0 (Part 9.1).
+    // A layer that knows of no safety offset reports 0, so that latencies
+    // still add up.
     frames = 0;
     return noError;
 }

@@ -1,8 +1,8 @@
-// Part 9.1, Left to the implementer: the device layer. KROAudioDevice, its
-// sources and the device head ask every question of the platform through this
-// interface, in the terms of the Part's object properties, so that a layer
-// for another sound system (ALSA) can stand under the same operations. The
-// shared backend is JACK (DESIGN.md section 4); tests may put their own in.
+// The device layer. KROAudioDevice, its sources and the device head ask every
+// question of the sound system through this interface, one call for each
+// property of a device, so that a layer for another sound system (ALSA) can
+// stand under the same operations. The shared backend is JACK; tests may put
+// their own in.
 //
 // Every query answers a status: 0 for success, else a four-character code of
 // the platform that passes through as the code of a KROAudioDeviceError.

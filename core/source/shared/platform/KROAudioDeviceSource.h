@@ -1,4 +1,4 @@
-// Part 9.1: one selectable data source of a device, such as a line input.
+// One selectable data source of a device, such as a line input.
 // A value: the device, the scope ('inpt' or 'outp'), the source number and
 // its title. Whether it is in use is asked of the device layer each time.
 #pragma once

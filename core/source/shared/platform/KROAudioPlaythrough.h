@@ -1,4 +1,4 @@
-// Part 9.1: joins an input chain to a render chain across the two clocks of
+// Joins an input chain to a render chain across the two clocks of
 // two devices. The input side stores each block in a ring of four blocks at
 // its sample time; the render side reads at a distance of latency frames
 // behind, from the moment both clocks have been seen once. Drift between the
@@ -21,9 +21,10 @@ public:
     bool isEnabled() const { return enabled_.load(std::memory_order_relaxed); }
     void setEnabled(bool enabled) { enabled_.store(enabled, std::memory_order_relaxed); }
 
-    // Algorithm 10: the same operation mirrored; whichever side comes first
-    // allocates the ring, the second checks the channels and computes the
-    // latency.
+    // The same operation mirrored, as the stream's walks reach this processor
+    // from both sides: whichever side comes first allocates the ring, the
+    // second checks the channels and computes the latency (safety offset plus
+    // buffer frames of the input device and of the output device).
     bool initializeForInput(KROErrorPtr* error = nullptr) override;
     bool initializeForRender(KROErrorPtr* error = nullptr) override;
     bool uninitialize(KROErrorPtr* error = nullptr) override;

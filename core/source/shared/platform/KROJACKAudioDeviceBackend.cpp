@@ -152,8 +152,8 @@ int KROJACKAudioDeviceBackend::IOProc::process(jack_nframes_t frames, void* argu
     const std::uint64_t start = monotonicNanoseconds();
     for (std::size_t i = 0; i < self.ports.size(); ++i) {
         auto* data = static_cast<float*>(jack_port_get_buffer(self.ports[i], frames));
-        // Output is added into the device's memory (Algorithm 6): the port
-        // buffer starts at zero.
+        // The head adds its output into the device's memory, so that what
+        // other clients wrote stays; a JACK port buffer starts at zero.
         if (self.scope == scopeOutput) {
             std::memset(data, 0, frames * sizeof(float));
         }
@@ -660,8 +660,17 @@ void KROJACKAudioDeviceBackend::deliverNotices() {
     if (formatChanged) {
         notifyRateListeners();
     }
-    if (portsChanged_.exchange(false) && devicesChanged()) {
-        notifyDevicesListeners();
+    // JACK tells of a port that goes before the server's list leaves it out,
+    // so after a notice the list is compared again on the next few passes:
+    // otherwise a device whose last port went would never be missed.
+    if (portsChanged_.exchange(false)) {
+        pendingDeviceScans_ = 5;
+    }
+    if (pendingDeviceScans_ > 0) {
+        --pendingDeviceScans_;
+        if (devicesChanged()) {
+            notifyDevicesListeners();
+        }
     }
 }
 

@@ -1,4 +1,4 @@
-// Part 9.1 on JACK (DESIGN.md section 4): works with jackd2 and with
+// The device layer on JACK: works with jackd2 and with
 // PipeWire's JACK. A device is a JACK client that owns physical ports; its
 // capture ports are the device's inputs and its playback ports its outputs,
 // one mono buffer each. Rate and buffer size are the server's, the safety
@@ -115,6 +115,8 @@ private:
     std::uint32_t knownRate_ = 0;
     std::uint32_t knownFrames_ = 0;
     std::vector<DeviceID> knownDevices_;
+    // Passes of the worker that still compare the device list; the worker's.
+    int pendingDeviceScans_ = 0;
 
     std::mutex workerLock_;
     std::condition_variable workerWake_;

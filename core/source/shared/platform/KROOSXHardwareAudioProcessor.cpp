@@ -16,7 +16,7 @@ namespace {
 using Backend = KROAudioDeviceBackend;
 
 // Sample time from the device's timestamp, cut to a whole number; host time
-// as given (Part 2.3, Algorithm 1).
+// as given, as every head stamps its render info.
 void stamp(KROAudioStreamRenderInfo& info, const KROAudioDeviceTimestamp& timestamp) {
     info.setHostTime(timestamp.hostTime);
     info.setSampleTime(timestamp.sampleTime);
@@ -199,7 +199,8 @@ void KROOSXHardwareAudioProcessor::deviceSampleRateChanged() {
         return;
     }
     // The whole graph is rebuilt at the new format, on this thread, with no
-    // error out-argument (Algorithm 9).
+    // error out-argument: no caller waits on the listener's thread to hear
+    // of a failure.
     const bool wasRunning = isRunning();
     owner->stop();
     owner->uninitialize();
@@ -228,7 +229,7 @@ void KROOSXHardwareAudioProcessor::renderAudioToBuffer(KROAudioDeviceBuffer* buf
             if (!source) {
                 continue;
             }
-            // Added, not copied: what other clients wrote stays (Algorithm 6).
+            // Added, not copied: what other clients wrote stays.
             float* target = device.data + k;
             for (std::uint64_t i = 0; i < count; ++i) {
                 target[i * device.numberOfChannels] += source[i];

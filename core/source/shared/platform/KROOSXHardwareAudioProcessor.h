@@ -1,6 +1,6 @@
-// Part 9.1: the head that drives a graph from a device's callbacks. A
-// description names "KROHardwareAudioProcessor" and receives this class,
-// registered under the exact name "KROOSXHardwareAudioProcessor" (Part 2.3).
+// The head that drives a graph from a device's callbacks. A description names
+// "KROHardwareAudioProcessor" and receives this class, registered under the
+// exact name "KROOSXHardwareAudioProcessor" that stored descriptions use.
 // One buffer and one callback serve one direction: a render head plays to the
 // device's outputs, an input head reads its inputs.
 //
@@ -29,25 +29,31 @@ public:
     ~KROOSXHardwareAudioProcessor() override;
 
     const std::shared_ptr<KROAudioDevice>& device() const { return device_; }
-    // Algorithm 4: refused while initialized; posts
+    // Refused while initialized, with KROAudioProcessorError 1; posts
     // "KROOSXHardwareAudioProcessorAudioDeviceDidChange" on a change.
     bool setDevice(std::shared_ptr<KROAudioDevice> device, KROErrorPtr* error = nullptr);
 
-    // Algorithm 9: rebuilds the stream at the device's new format.
+    // Rebuilds the stream at the device's new format: stop, uninitialize,
+    // initialize, and start again when it was running.
     void deviceSampleRateChanged();
 
-    // Algorithms 6 and 7, from the device's callback.
+    // From the device's callback. Render adds the head's buffer into the
+    // device's interleaved memory, input clears the buffer and adds the
+    // device's memory into it; both at the stride of each device buffer.
     void renderAudioToBuffer(KROAudioDeviceBuffer* buffers, std::size_t numberOfBuffers,
                              std::uint32_t frames, const KROAudioDeviceTimestamp& timestamp);
     void inputWithBuffer(KROAudioDeviceBuffer* buffers, std::size_t numberOfBuffers,
                          std::uint32_t frames, const KROAudioDeviceTimestamp& timestamp);
 
-    // Algorithm 5.
+    // Bind to the default device when none is set, fail with
+    // KROOSXHardwareAudioProcessorError 1 for a device that has gone away,
+    // then make the buffer, register the callback and the rate listener, and
+    // give the connection the device's rate, channels and block size.
     bool initializeForRender(KROErrorPtr* error = nullptr) override;
     bool initializeForInput(KROErrorPtr* error = nullptr) override;
     bool uninitialize(KROErrorPtr* error = nullptr) override;
     bool reset(KROErrorPtr* error = nullptr) override;
-    // Algorithm 8.
+    // start fails with the layer's status; stop always succeeds.
     bool start(KROErrorPtr* error = nullptr) override;
     bool stop(KROErrorPtr* error = nullptr) override;
 
