@@ -1,9 +1,7 @@
-// libFuzzer target for the readers of typed text: the time formatter in any
-// format and setting, file name schemes (expression and name split at the
-// first line break), and the decibel, note, bit depth and time remaining
-// formatters. Byte 0 chooses the settings, byte 1 the time format. Besides
-// crashes and sanitizer reports, a value formatter that reads a text but
-// cannot read back its own text of that value is a finding.
+// Typed text given to the time formatter in any format and setting, to file
+// name schemes (expression and name split at the first line break) and to the
+// value formatters; byte 0 chooses the settings, byte 1 the time format. A
+// value formatter that reads a text but not its own text of the value traps.
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
