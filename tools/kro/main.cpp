@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "DevicesCommand.h"
+#include "FormatCommand.h"
 #include "KROCore.h"
 #include "PlayCommand.h"
 
@@ -45,6 +46,7 @@ int main(int argc, char** argv) {
     classes->footer("Example:\n  kro classes --json");
     app.footer("Run `kro COMMAND --help` for what a command does, its options and an example.");
     DevicesCommand devices(app);
+    FormatCommand format(app);
     PlayCommand play(app);
 
     CLI11_PARSE(app, argc, argv);
@@ -57,6 +59,9 @@ int main(int argc, char** argv) {
     }
     if (play.parsed()) {
         return play.run();
+    }
+    if (format.parsed()) {
+        return format.run();
     }
     std::cout << app.help();
     return 0;

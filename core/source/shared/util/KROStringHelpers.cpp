@@ -417,4 +417,14 @@ std::string_view stringByTrimmingWhitespaceAndNewlines(std::string_view string) 
     return trimmedEnd(trimmedStart(string));
 }
 
+std::string lowercaseASCII(std::string_view string) {
+    std::string lowered(string);
+    for (char& c : lowered) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return lowered;
+}
+
 } // namespace kro

@@ -68,6 +68,9 @@ std::string filename(std::string_view path);
 // The string without the platform's white space and line breaks at either end.
 std::string_view stringByTrimmingWhitespaceAndNewlines(std::string_view string);
 
+// ASCII letters lowered, every other byte as it is.
+std::string lowercaseASCII(std::string_view string);
+
 // A four-character code from its text, first character in the highest byte;
 // a shorter text leaves zeros below: fourCC("fmt ").
 constexpr std::uint32_t fourCC(std::string_view text) {
