@@ -238,6 +238,34 @@ TEST(KROAudioFileContent, GetAudioAtTheEdgesOfTheFile) {
     EXPECT_EQ(buffer->channel(0)[1], 0.0f);
 }
 
+// Two disk threads read one file at once, each from its own places; the
+// read lock keeps each seek with its read.
+TEST(KROAudioFileContent, TwoThreadsReadOneFileAtOnce) {
+    KROTemporaryDirectory directory;
+    const fs::path path = directory / "shared.wav";
+    ASSERT_EQ(
+        KRORunCommand("sox -n -r 8000 -c 2 -b 16 " + path.string() + " synth 1 sine 300 sine 310")
+            .status,
+        0);
+    const auto expected = libsndfileSamples(path);
+    const auto content = parsedFile(path);
+    const auto reader = [&](std::uint64_t first, int* mismatches) {
+        const auto buffer = KROAudioBufferList::bufferListWithChannels(2, 64);
+        for (std::uint64_t step = 0; step < 4000; ++step) {
+            const std::uint64_t frame = first + 128 * (step % 62);
+            buffer->setFrames(64);
+            content->getAudio(*buffer, frame);
+            const auto read = samplesOf(*buffer);
+            *mismatches += !std::equal(read.begin(), read.end(), expected.begin() + 2 * frame);
+        }
+    };
+    int mismatches[2] = {};
+    std::thread other(reader, 64, &mismatches[1]);
+    reader(0, &mismatches[0]);
+    other.join();
+    EXPECT_EQ(mismatches[0] + mismatches[1], 0);
+}
+
 // What the handler writes, libsndfile reads back, in every sample format.
 TEST(KROAudioFileContent, LinearWritingMakesFilesLibsndfileReads) {
     struct Case {

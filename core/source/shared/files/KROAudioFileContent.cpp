@@ -259,9 +259,10 @@ bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64
             }
             return false;
         }
-    }
-    if (!converter_ && !makeConverterForReading(error)) {
-        return false;
+        // Made under the lock, so that two first calls make one converter.
+        if (!converter_ && !makeConverterForReading(error)) {
+            return false;
+        }
     }
     return converter_->convertInput(scratch.data(), scratch.size(), buffer, error);
 }
