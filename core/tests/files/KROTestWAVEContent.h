@@ -12,8 +12,6 @@ class KROTestWAVEContent : public KROAudioFileContent {
 public:
     static std::string staticClassName() { return "KROTestWAVEContent"; }
     std::string className() const override { return staticClassName(); }
-    std::string format() const override { return "Test WAVE File"; }
-    std::string extension() const override { return "wav"; }
 
     KROTestWAVEContent() {
         setEncoding(kro::fourCC("lpcm"));

@@ -31,21 +31,17 @@ std::string inputPath(const std::uint8_t* data, std::size_t size) {
 }
 
 std::size_t readAt(const KROAudioFileChunk& chunk, std::uint64_t position) {
-    std::size_t total = static_cast<std::size_t>(chunk.charValueAtPosition(position));
-    total += static_cast<std::size_t>(chunk.shortValueAtPosition(position));
-    total += static_cast<std::size_t>(chunk.intValueAtPosition(position));
-    total += static_cast<std::size_t>(chunk.longLongValueAtPosition(position));
-    total += static_cast<std::size_t>(chunk.floatValueAtPosition(position) != 0.0f);
-    total += static_cast<std::size_t>(chunk.doubleValueAtPosition(position) != 0.0);
-    total += static_cast<std::size_t>(chunk.float80ValueAtPosition(position) != 0.0);
-    total += chunk.fourCharCodeAtPosition(position);
-    total += chunk.pascalStringAtPosition(position).value_or("").size();
-    total += chunk.cStringAtPosition(position).value_or("").size();
-    total += chunk.unicharStringAtPosition(position, 64).value_or("").size();
-    total += chunk.stringAtPosition(position, 32).value_or("").size();
-    total += chunk.stringAtPosition(position, KROAudioFileChunk::toEnd).value_or("").size();
-    total += chunk.dataAtPosition(position, 16).value_or(KROData{}).size();
-    return total;
+    const double values =
+        chunk.charValueAtPosition(position) + chunk.shortValueAtPosition(position) +
+        chunk.intValueAtPosition(position) + chunk.longLongValueAtPosition(position) +
+        chunk.floatValueAtPosition(position) + chunk.doubleValueAtPosition(position) +
+        chunk.float80ValueAtPosition(position) + chunk.fourCharCodeAtPosition(position);
+    return (values != 0.0) + chunk.pascalStringAtPosition(position).value_or("").size() +
+           chunk.cStringAtPosition(position).value_or("").size() +
+           chunk.unicharStringAtPosition(position, 64).value_or("").size() +
+           chunk.stringAtPosition(position, 32).value_or("").size() +
+           chunk.stringAtPosition(position, KROAudioFileChunk::toEnd).value_or("").size() +
+           chunk.dataAtPosition(position, 16).value_or(KROData{}).size();
 }
 
 // Sub-chunks of a list, stepped by their sizes as the handlers step INFO
