@@ -153,4 +153,6 @@ TEST(KROMetadataItem, DescriptionsShowValuesAsThePlatformDoes) {
     }
     EXPECT_TRUE(KROMetadataItem::metadataItemWithValue(1, "k")->isEqual(
         *KROAudioLabelMetadataItem::metadataItemWithValue(1, "k")));
+    EXPECT_FALSE(KROMetadataItem::metadataItemWithValue(1, "k")->isEqual(
+        *KROMetadataItem::metadataItemWithValue(2, "k")));
 }

@@ -21,32 +21,21 @@ bool KROAudioFileChunkList::initWithFileReader(KROFileReader&, KROErrorPtr*) {
 }
 
 std::shared_ptr<KROAudioFileChunk> KROAudioFileChunkList::chunkOfType(std::uint32_t type) const {
-    for (const auto& chunk : list_) {
-        if (chunk->type() == type) {
-            return chunk;
-        }
-    }
-    return nullptr;
+    return firstChunk([type](const KROAudioFileChunk& chunk) { return chunk.type() == type; });
 }
 
 std::shared_ptr<KROAudioFileChunk>
 KROAudioFileChunkList::chunkOfTypeChunkID(std::uint32_t type, std::int16_t chunkID) const {
-    for (const auto& chunk : list_) {
-        if (chunk->type() == type && chunk->chunkID() == chunkID) {
-            return chunk;
-        }
-    }
-    return nullptr;
+    return firstChunk([&](const KROAudioFileChunk& chunk) {
+        return chunk.type() == type && chunk.chunkID() == chunkID;
+    });
 }
 
 std::shared_ptr<KROAudioFileChunk>
 KROAudioFileChunkList::chunkOfTypeName(std::uint32_t type, std::string_view name) const {
-    for (const auto& chunk : list_) {
-        if (chunk->type() == type && chunk->name() == name) {
-            return chunk;
-        }
-    }
-    return nullptr;
+    return firstChunk([&](const KROAudioFileChunk& chunk) {
+        return chunk.type() == type && chunk.name() == name;
+    });
 }
 
 bool KROAudioFileChunkList::isChunkTypeValid(std::uint32_t type) {
@@ -67,22 +56,36 @@ std::string KROAudioFileChunkList::description() const {
     return text + "\n)";
 }
 
-bool KROAudioFileChunkList::keep(std::shared_ptr<KROAudioFileChunk> chunk) {
+KROAudioFileChunk KROAudioFileChunkList::fileAsChunk(KROFileReader& reader,
+                                                     std::int64_t byteOrder) {
+    KROAudioFileChunk file;
+    file.setFile(&reader);
+    file.setByteOrder(byteOrder);
+    file.setDataLength(reader.length());
+    return file;
+}
+
+std::shared_ptr<KROAudioFileChunk>
+KROAudioFileChunkList::keepChunk(KROFileReader& reader, std::uint32_t type, std::int64_t byteOrder,
+                                 std::uint64_t location, std::uint64_t dataLocation,
+                                 std::uint64_t dataLength) {
     if (list_.size() >= maximumChunkCount) {
-        return false;
+        return nullptr;
     }
-    list_.push_back(std::move(chunk));
-    return true;
+    auto chunk = std::make_shared<KROAudioFileChunk>();
+    chunk->setFile(&reader);
+    chunk->setType(type);
+    chunk->setByteOrder(byteOrder);
+    chunk->setLocation(location);
+    chunk->setDataLocation(dataLocation);
+    chunk->setDataLength(dataLength);
+    list_.push_back(chunk);
+    return chunk;
 }
 
 void KROAudioFileChunkList::walkForm(KROFileReader& reader, const FormWalkRules& rules) {
     const std::uint64_t fileLength = reader.length();
-    // The whole file seen as one chunk, so that the walk reads its headers
-    // with the chunk's bounds and byte order.
-    KROAudioFileChunk file;
-    file.setFile(&reader);
-    file.setByteOrder(rules.byteOrder);
-    file.setDataLength(fileLength);
+    const KROAudioFileChunk file = fileAsChunk(reader, rules.byteOrder);
     const std::uint64_t formSize = static_cast<std::uint32_t>(file.intValueAtPosition(4));
     const std::uint64_t limit = std::min(formSize, fileLength >= 8 ? fileLength - 8 : 0);
     // The form type at offset 8 is not looked at.
@@ -109,17 +112,12 @@ void KROAudioFileChunkList::walkForm(KROFileReader& reader, const FormWalkRules&
                              (size == 0 && !rules.keepsEmptyChunks) ||
                              (type == rules.typeNeedingFourBytes && size < 4);
         if (!dropped) {
-            auto chunk = std::make_shared<KROAudioFileChunk>();
-            chunk->setFile(&reader);
-            chunk->setType(type);
-            chunk->setByteOrder(rules.byteOrder);
-            chunk->setByteCountMultiple(2);
-            chunk->setLocation(position);
-            chunk->setDataLocation(position + kHeaderSize);
-            chunk->setDataLength(size);
-            if (!keep(std::move(chunk))) {
+            const auto chunk =
+                keepChunk(reader, type, rules.byteOrder, position, position + kHeaderSize, size);
+            if (!chunk) {
                 return;
             }
+            chunk->setByteCountMultiple(2);
         }
         position += size + kHeaderSize;
         previousSize = size;

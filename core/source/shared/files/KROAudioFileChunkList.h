@@ -10,6 +10,7 @@
 // chunkOfTypeName.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -53,8 +54,23 @@ public:
     std::string description() const override;
 
 protected:
-    // Adds a chunk unless the list is full; false once it is.
-    bool keep(std::shared_ptr<KROAudioFileChunk> chunk);
+    // The first chunk that passes the test, or null.
+    template <typename Test> std::shared_ptr<KROAudioFileChunk> firstChunk(Test test) const {
+        const auto found = std::find_if(list_.begin(), list_.end(),
+                                        [&](const auto& chunk) { return test(*chunk); });
+        return found == list_.end() ? nullptr : *found;
+    }
+
+    // The whole file seen as one chunk in the container's byte order, so
+    // that a walk reads its headers with the bounds and order of chunks.
+    static KROAudioFileChunk fileAsChunk(KROFileReader& reader, std::int64_t byteOrder);
+
+    // Adds a chunk read from the reader and answers it, for the walk to set
+    // what else its container says; null once the list is full.
+    std::shared_ptr<KROAudioFileChunk> keepChunk(KROFileReader& reader, std::uint32_t type,
+                                                 std::int64_t byteOrder, std::uint64_t location,
+                                                 std::uint64_t dataLocation,
+                                                 std::uint64_t dataLength);
 
     // The walk shared by RIFF (WAVE) and IFF (AIFF) files, whose chunks have
     // a four-character code and a 32-bit size in the file's byte order.

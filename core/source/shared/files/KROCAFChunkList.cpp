@@ -21,10 +21,7 @@ bool KROCAFChunkList::initWithFileReader(KROFileReader& reader, KROErrorPtr* err
     KROAudioFileChunkList::initWithFileReader(reader, error);
     const std::uint64_t fileLength = reader.length();
     const std::uint64_t end = fileLength > kHeaderSize ? fileLength - kHeaderSize : 0;
-    KROAudioFileChunk file;
-    file.setFile(&reader);
-    file.setByteOrder(KROAudioFileChunk::bigEndian);
-    file.setDataLength(fileLength);
+    const KROAudioFileChunk file = fileAsChunk(reader, KROAudioFileChunk::bigEndian);
     std::uint64_t position = kFirstChunk;
     for (;;) {
         const std::uint32_t type = file.fourCharCodeAtPosition(position);
@@ -36,26 +33,21 @@ bool KROCAFChunkList::initWithFileReader(KROFileReader& reader, KROErrorPtr* err
             fileLength > position + kHeaderSize ? fileLength - position - kHeaderSize : 0;
         const std::uint64_t size = storedSize == -1 ? rest : static_cast<std::uint64_t>(storedSize);
         if (type != kro::fourCC("JUNK") && type != kro::fourCC("free")) {
-            auto chunk = std::make_shared<KROAudioFileChunk>();
-            chunk->setFile(&reader);
-            chunk->setType(type);
-            chunk->setByteOrder(KROAudioFileChunk::bigEndian);
+            // A chunk of type 'uuid' holds its identity before its data.
+            const std::uint64_t identity = type == kUUIDType ? kUUIDSize : 0;
+            const auto chunk =
+                keepChunk(reader, type, KROAudioFileChunk::bigEndian, position,
+                          position + kHeaderSize + identity, size - std::min(size, identity));
+            if (!chunk) {
+                return true;
+            }
             chunk->setUsesLongLongSizes(true);
-            chunk->setLocation(position);
             if (type == kUUIDType) {
                 KROUUID uuid{};
                 if (const auto bytes = file.dataAtPosition(position + kHeaderSize, kUUIDSize)) {
                     std::copy(bytes->begin(), bytes->end(), uuid.begin());
                 }
                 chunk->setUUID(uuid);
-                chunk->setDataLocation(position + kHeaderSize + kUUIDSize);
-                chunk->setDataLength(size >= kUUIDSize ? size - kUUIDSize : 0);
-            } else {
-                chunk->setDataLocation(position + kHeaderSize);
-                chunk->setDataLength(size);
-            }
-            if (!keep(std::move(chunk))) {
-                return true;
             }
         }
         if (size > ~std::uint64_t{0} - position - kHeaderSize) {
@@ -69,10 +61,7 @@ bool KROCAFChunkList::initWithFileReader(KROFileReader& reader, KROErrorPtr* err
 }
 
 std::shared_ptr<KROAudioFileChunk> KROCAFChunkList::chunkWithUUID(const KROUUID& uuid) const {
-    for (const auto& chunk : list()) {
-        if (chunk->type() == kUUIDType && chunk->uuid() == uuid) {
-            return chunk;
-        }
-    }
-    return nullptr;
+    return firstChunk([&](const KROAudioFileChunk& chunk) {
+        return chunk.type() == kUUIDType && chunk.uuid() == uuid;
+    });
 }

@@ -20,10 +20,7 @@ bool KROWAV64ChunkList::initWithFileReader(KROFileReader& reader, KROErrorPtr* e
     KROAudioFileChunkList::initWithFileReader(reader, error);
     const std::uint64_t fileLength = reader.length();
     const std::uint64_t end = fileLength > kHeaderSize ? fileLength - kHeaderSize : 0;
-    KROAudioFileChunk file;
-    file.setFile(&reader);
-    file.setByteOrder(KROAudioFileChunk::littleEndian);
-    file.setDataLength(fileLength);
+    const KROAudioFileChunk file = fileAsChunk(reader, KROAudioFileChunk::littleEndian);
     std::uint64_t position = kFirstChunk;
     for (;;) {
         const std::uint32_t code = file.fourCharCodeAtPosition(position);
@@ -34,19 +31,14 @@ bool KROWAV64ChunkList::initWithFileReader(KROFileReader& reader, KROErrorPtr* e
             return true;
         }
         if (code != 0 && code != kro::fourCC("JUNK")) {
-            auto chunk = std::make_shared<KROAudioFileChunk>();
-            chunk->setFile(&reader);
-            chunk->setType(code);
-            chunk->setByteOrder(KROAudioFileChunk::littleEndian);
+            const auto chunk = keepChunk(reader, code, KROAudioFileChunk::littleEndian, position,
+                                         position + kHeaderSize, size - kHeaderSize);
+            if (!chunk) {
+                return true;
+            }
             chunk->setByteCountMultiple(kAlignment);
             chunk->setUsesLongLongSizes(true);
             chunk->setSizeIncludesNameAndSize(true);
-            chunk->setLocation(position);
-            chunk->setDataLocation(position + kHeaderSize);
-            chunk->setDataLength(size - kHeaderSize);
-            if (!keep(std::move(chunk))) {
-                return true;
-            }
         }
         if (size > ~std::uint64_t{0} - position - (kAlignment - 1)) {
             return true;

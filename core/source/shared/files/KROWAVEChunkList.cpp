@@ -13,10 +13,7 @@ bool KROWAVEChunkList::initWithFileReader(KROFileReader& reader, KROErrorPtr* er
 
 std::shared_ptr<KROAudioFileChunk>
 KROWAVEChunkList::chunkOfTypeSubtype(std::uint32_t type, std::uint32_t subtype) const {
-    for (const auto& chunk : list()) {
-        if (chunk->type() == type && chunk->fourCharCodeAtPosition(0) == subtype) {
-            return chunk;
-        }
-    }
-    return nullptr;
+    return firstChunk([&](const KROAudioFileChunk& chunk) {
+        return chunk.type() == type && chunk.fourCharCodeAtPosition(0) == subtype;
+    });
 }
