@@ -205,6 +205,7 @@ TEST(KROAudioFileChunkList, HostileFilesCostNoMoreThanTheyHold) {
     list.initWithFileReader(reader);
     const auto info = list.chunkOfType(kro::fourCC("LIST"));
     ASSERT_NE(info, nullptr);
+    EXPECT_EQ(info->byteCountMultiple(), 2u);
     EXPECT_FALSE(info->dataAtPosition(12, static_cast<std::uint32_t>(info->intValueAtPosition(8))));
     info->setDataLength(std::uint64_t{1} << 40);
     info->loadFromFile();
