@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "KROAIFFChunkList.h"
+#include "KROAllocationGuard.h"
 #include "KROCAFChunkList.h"
 #include "KROFileReader.h"
 #include "KROFileTestSupport.h"
@@ -208,7 +209,7 @@ TEST(KROAudioFileChunkList, HostileFilesCostNoMoreThanTheyHold) {
     EXPECT_EQ(info->byteCountMultiple(), 2u);
     EXPECT_FALSE(info->dataAtPosition(12, static_cast<std::uint32_t>(info->intValueAtPosition(8))));
     info->setDataLength(std::uint64_t{1} << 40);
-    info->loadFromFile();
+    KRO_EXPECT_NO_ALLOCATION(info->loadFromFile());
     EXPECT_FALSE(info->data());
     EXPECT_EQ(info->stringAtPosition(4, KROAudioFileChunk::toEnd), "INAM\u00FF\u00FF\u00FF"
                                                                    "\x7F");

@@ -288,9 +288,12 @@ void KROAudioFileChunk::loadFromFile() {
     if ((data_ && !data_->empty()) || fileReader_ == nullptr) {
         return;
     }
-    // The reader fills the block as the bytes arrive, so a length past the
-    // end of the file fails there without allocating it first.
+    // A length past the end of the file would fail there, but only after the
+    // reader had set aside a block for it.
     const std::uint64_t length = dataLength();
+    if (length > bytesAvailableFrom(0)) {
+        return;
+    }
     KROData bytes;
     if (fileReader_->setPosition(dataLocation_) &&
         fileReader_->getData(bytes, static_cast<std::size_t>(length))) {
