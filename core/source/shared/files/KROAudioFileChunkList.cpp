@@ -69,9 +69,6 @@ std::shared_ptr<KROAudioFileChunk>
 KROAudioFileChunkList::keepChunk(KROFileReader& reader, std::uint32_t type, std::int64_t byteOrder,
                                  std::uint64_t location, std::uint64_t dataLocation,
                                  std::uint64_t dataLength) {
-    if (list_.size() >= maximumChunkCount) {
-        return nullptr;
-    }
     auto chunk = std::make_shared<KROAudioFileChunk>();
     chunk->setFile(&reader);
     chunk->setType(type);
@@ -92,7 +89,7 @@ void KROAudioFileChunkList::walkForm(KROFileReader& reader, const FormWalkRules&
     std::uint64_t position = 12;
     std::uint64_t previousSize = 0;
     bool retrying = false;
-    for (;;) {
+    for (std::size_t headers = 0; headers < maximumChunkCount; ++headers) {
         const std::uint32_t type = file.fourCharCodeAtPosition(position);
         const std::uint64_t size =
             static_cast<std::uint32_t>(file.intValueAtPosition(position + 4));
@@ -112,12 +109,8 @@ void KROAudioFileChunkList::walkForm(KROFileReader& reader, const FormWalkRules&
                              (size == 0 && !rules.keepsEmptyChunks) ||
                              (type == rules.typeNeedingFourBytes && size < 4);
         if (!dropped) {
-            const auto chunk =
-                keepChunk(reader, type, rules.byteOrder, position, position + kHeaderSize, size);
-            if (!chunk) {
-                return;
-            }
-            chunk->setByteCountMultiple(2);
+            keepChunk(reader, type, rules.byteOrder, position, position + kHeaderSize, size)
+                ->setByteCountMultiple(2);
         }
         position += size + kHeaderSize;
         previousSize = size;

@@ -25,9 +25,9 @@ class KROAudioFileChunkList : public KROObject {
 public:
     using Chunks = std::vector<std::shared_ptr<KROAudioFileChunk>>;
 
-    // A walk keeps at most this many chunks and stops there. No audio file
-    // comes near it; a hostile file of millions of tiny chunks cannot make
-    // the list outgrow memory.
+    // A walk reads at most this many chunk headers and stops there. No audio
+    // file comes near it; a hostile file of millions of tiny chunks costs no
+    // more time or memory than this many.
     static constexpr std::size_t maximumChunkCount = std::size_t{1} << 16;
 
     KROAudioFileChunkList() = default;
@@ -66,7 +66,7 @@ protected:
     static KROAudioFileChunk fileAsChunk(KROFileReader& reader, std::int64_t byteOrder);
 
     // Adds a chunk read from the reader and answers it, for the walk to set
-    // what else its container says; null once the list is full.
+    // what else its container says.
     std::shared_ptr<KROAudioFileChunk> keepChunk(KROFileReader& reader, std::uint32_t type,
                                                  std::int64_t byteOrder, std::uint64_t location,
                                                  std::uint64_t dataLocation,

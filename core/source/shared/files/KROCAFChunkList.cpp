@@ -23,7 +23,7 @@ bool KROCAFChunkList::initWithFileReader(KROFileReader& reader, KROErrorPtr* err
     const std::uint64_t end = fileLength > kHeaderSize ? fileLength - kHeaderSize : 0;
     const KROAudioFileChunk file = fileAsChunk(reader, KROAudioFileChunk::bigEndian);
     std::uint64_t position = kFirstChunk;
-    for (;;) {
+    for (std::size_t headers = 0; headers < maximumChunkCount; ++headers) {
         const std::uint32_t type = file.fourCharCodeAtPosition(position);
         const std::int64_t storedSize = file.longLongValueAtPosition(position + 4);
         if (!isChunkTypeValid(type)) {
@@ -38,9 +38,6 @@ bool KROCAFChunkList::initWithFileReader(KROFileReader& reader, KROErrorPtr* err
             const auto chunk =
                 keepChunk(reader, type, KROAudioFileChunk::bigEndian, position,
                           position + kHeaderSize + identity, size - std::min(size, identity));
-            if (!chunk) {
-                return true;
-            }
             chunk->setUsesLongLongSizes(true);
             if (type == kUUIDType) {
                 KROUUID uuid{};
@@ -58,6 +55,7 @@ bool KROCAFChunkList::initWithFileReader(KROFileReader& reader, KROErrorPtr* err
             return true;
         }
     }
+    return true;
 }
 
 std::shared_ptr<KROAudioFileChunk> KROCAFChunkList::chunkWithUUID(const KROUUID& uuid) const {
