@@ -31,11 +31,13 @@ std::string inputPath(const std::uint8_t* data, std::size_t size) {
 }
 
 std::size_t readAt(const KROAudioFileChunk& chunk, std::uint64_t position) {
+    // Summed as doubles: the values are whatever the file holds.
     const double values =
-        chunk.charValueAtPosition(position) + chunk.shortValueAtPosition(position) +
-        chunk.intValueAtPosition(position) + chunk.longLongValueAtPosition(position) +
-        chunk.floatValueAtPosition(position) + chunk.doubleValueAtPosition(position) +
-        chunk.float80ValueAtPosition(position) + chunk.fourCharCodeAtPosition(position);
+        double(chunk.charValueAtPosition(position)) + double(chunk.shortValueAtPosition(position)) +
+        double(chunk.intValueAtPosition(position)) +
+        double(chunk.longLongValueAtPosition(position)) +
+        double(chunk.floatValueAtPosition(position)) + chunk.doubleValueAtPosition(position) +
+        chunk.float80ValueAtPosition(position) + double(chunk.fourCharCodeAtPosition(position));
     return (values != 0.0) + chunk.pascalStringAtPosition(position).value_or("").size() +
            chunk.cStringAtPosition(position).value_or("").size() +
            chunk.unicharStringAtPosition(position, 64).value_or("").size() +
