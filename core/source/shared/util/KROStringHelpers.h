@@ -59,6 +59,19 @@ KROData lossyASCIICString(std::string_view string);
 // A length byte and the ASCII bytes; none when they are 256 bytes or more.
 std::optional<KROData> lossyASCIIPascalString(std::string_view string);
 
+// Bytes of a file's text fields as ASCII. Bytes above 0x7F, which ASCII
+// lacks, are read as Latin-1, so that no byte is lost and the result is
+// always valid UTF-8.
+std::string stringWithASCIIBytes(const std::uint8_t* bytes, std::size_t count);
+// Little-endian UTF-16 of count bytes (an odd last byte is ignored); a lone
+// surrogate becomes U+FFFD. A zero unit is kept as a character.
+std::string stringWithUTF16LittleEndianBytes(const std::uint8_t* bytes, std::size_t count);
+// The string as little-endian UTF-16, no terminator; malformed UTF-8 gives U+FFFD.
+KROData utf16LittleEndianData(std::string_view string);
+// The length of the string in UTF-16 units, as the platform's strings count
+// characters; a malformed byte counts as one.
+std::size_t utf16Length(std::string_view string);
+
 // From 0 over the length of the string in bytes of its UTF-8 form.
 NSLongRange range(std::string_view string);
 // The last path component without its extension: trailing "/" are ignored,
