@@ -15,8 +15,11 @@
 #include "KROPropertyList.h"
 #include "KRORange.h"
 #include "KROResources.h"
+#include "KROSampleFrames.h"
+#include "KROSerialQueue.h"
 #include "KROStringHelpers.h"
 #include "KROStringWithFormat.h"
+#include "KROValueMap.h"
 #include "KROXMLParser.h"
 
 // Core audio data
@@ -40,11 +43,18 @@
 #include "KROAudioGenerator.h"
 #include "KROAudioProcessor.h"
 #include "KROAudioProcessorDock.h"
+#include "KROAudioRouter.h"
 #include "KROAudioStream.h"
 #include "KROAudioStreamRenderInfo.h"
+#include "KROConductorAudioProcessor.h"
+#include "KROConductorLandmark.h"
 #include "KROHardwareAudioProcessor.h"
 #include "KROHeadAudioProcessor.h"
+#include "KROHingeAudioProcessor.h"
 #include "KROIOAudioProcessor.h"
+#include "KROMixerAudioProcessor.h"
+#include "KRORouterAudioProcessor.h"
+#include "KROSplitterAudioProcessor.h"
 
 // Audio files
 #include "KROFileReader.h"
@@ -57,12 +67,16 @@
 #include "KROURLExtension.h"
 
 // Signal processors and vector routines
+#include "KROBiquad.h"
+#include "KRODelayAudioProcessor.h"
+#include "KROFaderAudioProcessor.h"
 #include "KROG711.h"
 #include "KROLevelMeterAudioProcessor.h"
 #include "KROLinearPCMConverter.h"
 #include "KROMusicalNote.h"
 #include "KROMusicalNotePerformer.h"
 #include "KROPinkNoiseAudioGenerator.h"
+#include "KRORemoveDCAudioProcessor.h"
 #include "KROSampleConversion.h"
 #include "KROSineWaveAudioGenerator.h"
 #include "KROSineWaveSynthAudioGenerator.h"

@@ -146,6 +146,17 @@ TEST_F(KROCommandLine, PlayRunsTheDescriptionAtTheBufferSizeAskedForAndPutsTheSi
     EXPECT_NE(shell("jack_bufsize").find("256"), std::string::npos);
 }
 
+TEST_F(KROCommandLine, PlayStartsTheTransportOfTheMixingExample) {
+    const fs::path mixed = fs::path(KRO_SOURCE_DIR) / "examples" / "two-generators-mixed.plist";
+    const Outcome play = runKro({"play", mixed.string(), "--seconds", "2"});
+    ASSERT_EQ(play.exitCode, 0) << play.err;
+    // The sine at half scale, the noise still far down its fade.
+    EXPECT_NE(play.out.find("1:  -6.0 dB"), std::string::npos) << play.out;
+    const std::size_t at = play.out.find("The transport stood at ");
+    ASSERT_NE(at, std::string::npos) << play.out;
+    EXPECT_GT(std::stod(play.out.substr(at + 23)), 0.5);
+}
+
 TEST_F(KROCommandLine, AnUnknownDeviceNameIsAClearErrorAndExit1) {
     const Outcome play = runKro({"play", example(), "--seconds", "1", "--device", "no such"});
     EXPECT_EQ(play.exitCode, 1);
