@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -217,6 +218,31 @@ inline void writeRawFloats(const std::filesystem::path& path, const float* sampl
 // when it cannot be run.
 inline std::string runCommand(const std::string& command) {
     return KRORunCommand(command + " 2>&1").output;
+}
+
+// The samples of a file of native 32-bit floats; none when it is missing.
+inline std::vector<float> readRawFloats(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(file)), {});
+    std::vector<float> samples(bytes.size() / sizeof(float));
+    std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
+    return samples;
+}
+
+// Samples run through an outside program: command names its input file IN
+// and its output file OUT, both raw 32-bit floats.
+inline std::vector<float> throughCommand(const std::vector<float>& samples, std::string command) {
+    const auto in = scratchFile("command-in.f32");
+    const auto out = scratchFile("command-out.f32");
+    writeRawFloats(in, samples.data(), samples.size());
+    command.replace(command.find("IN"), 2, "'" + in.string() + "'");
+    command.replace(command.find("OUT"), 3, "'" + out.string() + "'");
+    const std::string messages = runCommand(command);
+    auto result = readRawFloats(out);
+    EXPECT_EQ(result.size(), samples.size()) << messages;
+    std::filesystem::remove(in);
+    std::filesystem::remove(out);
+    return result;
 }
 
 inline bool haveProgram(const std::string& name) {

@@ -4,54 +4,41 @@
 // which frames were played and in which order.
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cmath>
-#include <functional>
 #include <limits>
 
 #include "KROAllocationGuard.h"
 #include "KROConductorAudioProcessor.h"
-#include "KROGraphTestClasses.h"
+#include "KROShapingTestSupport.h"
 
-using namespace kro_graph_test;
+using namespace kro_shaping_test;
 
 namespace {
 
 constexpr double kRate = 48000.0;
 
-// Writes sampleTime + i into frame i, and notes what each pull saw.
+// Writes sampleTime + i into frame i; keeps what the last pull saw.
 class KROTestClock : public KROAudioGenerator {
     KRO_DECLARE_CLASS(KROTestClock)
 
 public:
-    struct Pull {
-        std::int64_t sampleTime;
-        std::uint64_t frames;
-        bool reverse;
-        bool running;
-    };
-
     bool initializeForRender(KROErrorPtr* /*error*/ = nullptr) override { return true; }
     void render(KROAudioBufferList& buffer, KROAudioOutputBus& /*bus*/,
                 KROAudioStreamRenderInfo& info) override {
         for (std::uint64_t frame = 0; frame < buffer.frames(); ++frame) {
-            buffer.setValue(static_cast<float>(info.sampleTime() + std::int64_t(frame)), frame);
+            buffer.setValue(float(info.sampleTime() + std::int64_t(frame)), frame);
         }
-        if (count < pulls.size()) {
-            pulls[count++] = {info.sampleTime(), buffer.frames(), info.isReverse(),
-                              info.isRunning()};
-        }
+        lastSampleTime = info.sampleTime();
+        lastReverse = info.isReverse();
     }
-
-    std::array<Pull, 8> pulls{};
-    std::size_t count = 0;
+    std::int64_t lastSampleTime = -1;
+    bool lastReverse = false;
 };
 
-class KROTestActionLandmark : public KROConductorLandmark {
+class ActionLandmark : public KROConductorLandmark {
 public:
-    void action() override { ++actions; }
+    void action() override { ++calls; }
     bool hasAction() const override { return true; }
-    int actions = 0;
+    static inline int calls = 0;
 };
 
 class Delegate : public KROConductorDelegate {
@@ -60,42 +47,45 @@ public:
     int stops = 0;
 };
 
+enum Flags { stop = 1, jump = 2, turn = 4, disabled = 8, action = 16 };
+
+// A landmark at a frame, for forward motion, jumping to jumpTo.
+struct Mark {
+    double frame;
+    int flags;
+    double jumpTo = 0;
+};
+
 // head (one channel, 512 frames) <- conductor <- clock.
 struct Transport {
-    Transport() {
-        KROPropertyList head = entry("KROTestHead", "head");
-        head.setObjectForKey("isRenderHead", true);
-        head.setObjectForKey("channels", 1);
-        head.setObjectForKey("frames", 512);
-        EXPECT_TRUE(stream.initWithDescription(description(
-            {head, entry("KROConductorAudioProcessor", "conductor"),
-             entry("KROTestClock", "clock")},
-            {connection("in", "clock", "conductor"), connection("out", "conductor", "head")})));
-        EXPECT_TRUE(stream.initialize());
-        this->head = processorOf<KROTestHead>(stream, "head");
-        conductor = processorOf<KROConductorAudioProcessor>(stream, "conductor");
-        clock = processorOf<KROTestClock>(stream, "clock");
+    explicit Transport(const std::vector<Mark>& marks = {})
+        : graph(kro_shaping_test::graph(
+              {entry("KROConductorAudioProcessor", "conductor"), entry("KROTestClock", "clock")},
+              {}, 1, 512)),
+          head(graph.head), conductor(graph.get<KROConductorAudioProcessor>("conductor")),
+          clock(graph.get<KROTestClock>("clock")) {
         conductor->setDelegate(&delegate);
+        for (const Mark& mark : marks) {
+            auto landmark = mark.flags & action ? std::make_shared<ActionLandmark>()
+                                                : KROConductorLandmark::landmark();
+            landmark->setLocation(mark.frame / kRate);
+            landmark->setStopWhenForward(mark.flags & stop);
+            landmark->setJumpWhenForward(mark.flags & jump);
+            landmark->setJumpLocation(mark.jumpTo / kRate);
+            landmark->setReverseDirectionWhenForward(mark.flags & turn);
+            landmark->setEnabled(!(mark.flags & disabled));
+            conductor->insertObjectInLandmarksAtIndex(landmark, conductor->countOfLandmarks());
+        }
     }
 
-    std::shared_ptr<KROConductorLandmark>
-    add(double frame, const std::function<void(KROConductorLandmark&)>& flags,
-        std::shared_ptr<KROConductorLandmark> landmark = KROConductorLandmark::landmark()) {
-        landmark->setLocation(frame / kRate);
-        flags(*landmark);
-        conductor->insertObjectInLandmarksAtIndex(landmark, conductor->countOfLandmarks());
-        return landmark;
-    }
-
-    KROAudioStream stream;
+    Graph graph;
     Delegate delegate;
     std::shared_ptr<KROTestHead> head;
     std::shared_ptr<KROConductorAudioProcessor> conductor;
     std::shared_ptr<KROTestClock> clock;
 };
 
-// Frames of the head's buffer: runs of frame numbers, counting up (step 1),
-// down (-1), or silence (step 0).
+// Runs of frame numbers counting up (step 1), down (-1), or silence (0).
 struct Run {
     float first;
     int count;
@@ -112,163 +102,89 @@ std::vector<float> played(std::initializer_list<Run> runs) {
     return samples;
 }
 
-std::vector<float> samplesOf(const KROAudioBufferList& buffer) {
-    return {buffer.channel(0), buffer.channel(0) + buffer.frames()};
-}
-
-const auto stopForward = [](KROConductorLandmark& l) { l.setStopWhenForward(true); };
-const auto jumpForwardTo = [](double frame) {
-    return [frame](KROConductorLandmark& l) {
-        l.setJumpWhenForward(true);
-        l.setJumpLocation(frame / kRate);
-    };
-};
-
 } // namespace
 
 TEST(KROConductorAudioProcessor, BlocksAreCutAtLandmarksExactToTheFrame) {
+    constexpr double never = std::numeric_limits<double>::quiet_NaN();
     struct Case {
         const char* what;
-        std::function<void(Transport&)> setUp;
+        std::int64_t from;
+        bool reverse;
+        bool start;
+        std::uint64_t frames;
+        std::vector<Mark> marks;
         std::vector<float> samples;
         std::int64_t playhead;
         bool running;
         int stops;
+        std::int64_t lastSampleTime;
+        bool lastReverse;
     };
+    // clang-format off
     const Case cases[] = {
-        {"a stop landmark ends the block at its frame",
-         [](Transport& t) { t.add(100, stopForward); }, played({{0, 100, 1}, {0, 412, 0}}), 100,
-         false, 1},
-        {"a landmark on the block's last boundary fires in this block",
-         [](Transport& t) { t.add(512, stopForward); }, played({{0, 512, 1}}), 512, false, 1},
-        {"of two landmarks at one frame the later acts",
-         [](Transport& t) {
-             t.add(300, stopForward);
-             t.add(300, jumpForwardTo(50));
-         },
-         played({{0, 300, 1}, {50, 212, 1}}), 262, true, 0},
-        {"a jump loops inside the block",
-         [](Transport& t) {
-             t.conductor->setLocation(900 / kRate);
-             t.add(1000, jumpForwardTo(100));
-         },
-         played({{900, 100, 1}, {100, 412, 1}}), 512, true, 0},
-        {"a jump back to where the piece began stops",
-         [](Transport& t) { t.add(100, jumpForwardTo(0)); }, played({{0, 100, 1}, {0, 412, 0}}), 0,
-         false, 1},
-        {"a reverse landmark turns the playhead round",
-         [](Transport& t) {
-             t.add(200, [](KROConductorLandmark& l) { l.setReverseDirectionWhenForward(true); });
-         },
-         played({{0, 200, 1}, {199, 312, -1}}), -112, true, 0},
-        {"a disabled landmark does nothing",
-         [](Transport& t) { t.add(100, stopForward)->setEnabled(false); }, played({{0, 512, 1}}),
-         512, true, 0},
-        {"a forward landmark is passed in reverse",
-         [](Transport& t) {
-             t.conductor->setLocation(600 / kRate);
-             t.conductor->setReverse(true);
-             t.add(300, stopForward);
-         },
-         played({{599, 512, -1}}), 88, true, 0},
-        {"reverse motion goes on below frame 0",
-         [](Transport& t) {
-             t.conductor->setLocation(100 / kRate);
-             t.conductor->setReverse(true);
-         },
-         played({{99, 512, -1}}), -412, true, 0},
-        {"an action does not cut the block",
-         [](Transport& t) {
-             t.add(
-                 100, [](KROConductorLandmark&) {}, std::make_shared<KROTestActionLandmark>());
-         },
-         played({{0, 512, 1}}), 512, true, 0},
-        {"landmarks beyond any frame, or at none, are passed",
-         [](Transport& t) {
-             for (const double seconds :
-                  {1e300, -1e300, std::numeric_limits<double>::quiet_NaN()}) {
-                 t.add(seconds * kRate, stopForward);
-             }
-         },
-         played({{0, 512, 1}}), 512, true, 0},
-        {"a request of no frames stops the transport",
-         [](Transport& t) { t.head->buffer->setFrames(0); },
-         {},
-         0,
-         false,
-         1},
+        // what, from, reverse, start, frames, landmarks, samples,
+        // playhead, running, stops, the last pull's sample time and direction
+        {"a stop ends the block at its frame", 0, false, true, 512, {{100, stop}},
+         played({{0, 100, 1}, {0, 412, 0}}), 100, false, 1, 0, false},
+        {"a stop under the playhead never fires", 100, false, true, 512, {{100, stop}},
+         played({{100, 512, 1}}), 612, true, 0, 100, false},
+        {"a landmark on the block's end fires in it", 0, false, true, 512, {{512, stop}},
+         played({{0, 512, 1}}), 512, false, 1, 0, false},
+        {"of two landmarks at one frame the later acts", 0, false, true, 512,
+         {{300, stop}, {300, jump, 50}},
+         played({{0, 300, 1}, {50, 212, 1}}), 262, true, 0, 50, false},
+        {"a jump loops inside the block", 900, false, true, 512, {{1000, jump, 100}},
+         played({{900, 100, 1}, {100, 412, 1}}), 512, true, 0, 100, false},
+        {"a jump back to where the piece began stops", 0, false, true, 512, {{100, jump, 0}},
+         played({{0, 100, 1}, {0, 412, 0}}), 0, false, 1, 0, false},
+        {"a turn plays the rest backward from its lowest frame", 0, false, true, 512, {{200, turn}},
+         played({{0, 200, 1}, {199, 312, -1}}), -112, true, 0, -112, true},
+        {"a disabled landmark does nothing", 0, false, true, 512, {{100, stop | disabled}},
+         played({{0, 512, 1}}), 512, true, 0, 0, false},
+        {"a forward landmark is passed in reverse", 600, true, true, 512, {{300, stop}},
+         played({{599, 512, -1}}), 88, true, 0, 88, true},
+        {"reverse motion goes on below frame 0", 100, true, true, 512, {},
+         played({{99, 512, -1}}), -412, true, 0, -412, true},
+        {"a nearer action hides a turn and does not cut", 0, false, true, 512,
+         {{250, turn}, {100, action}},
+         played({{0, 512, 1}}), 512, true, 0, 0, false},
+        {"landmarks at no frame are passed", 0, false, true, 512,
+         {{1e300, stop}, {-1e300, stop}, {never, stop}},
+         played({{0, 512, 1}}), 512, true, 0, 0, false},
+        {"a request of no frames stops", 0, false, true, 0, {},
+         {}, 0, false, 1, -1, false},
+        {"a standing transport still pulls at its own time", 0, false, false, 512, {{100, stop}},
+         played({{0, 512, 1}}), 0, false, 0, 0, false},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        Transport transport;
-        c.setUp(transport);
-        transport.conductor->start();
+        Transport transport(c.marks);
+        transport.conductor->setLocation(double(c.from) / kRate);
+        transport.conductor->setReverse(c.reverse);
+        if (c.start) {
+            transport.conductor->start();
+        }
+        transport.head->buffer->setFrames(c.frames);
         KRO_EXPECT_NO_ALLOCATION(transport.head->renderBlock());
-        EXPECT_EQ(samplesOf(*transport.head->buffer), c.samples);
+        const float* samples = transport.head->buffer->channel(0);
+        EXPECT_EQ(std::vector<float>(samples, samples + c.frames), c.samples);
         EXPECT_EQ(transport.conductor->currentSampleFrame(), c.playhead);
         EXPECT_EQ(transport.conductor->isRunning(), c.running);
         EXPECT_EQ(transport.delegate.stops, c.stops);
+        EXPECT_EQ(transport.clock->lastSampleTime, c.lastSampleTime);
+        EXPECT_EQ(transport.clock->lastReverse, c.lastReverse);
     }
-}
-
-TEST(KROConductorAudioProcessor, UpstreamSeesEachPieceFromItsLowestFrameWithItsDirection) {
-    const auto turn = [](KROConductorLandmark& l) { l.setReverseDirectionWhenForward(true); };
-    Transport transport;
-    transport.add(200, turn);
-    transport.conductor->start();
-    transport.head->renderBlock();
-    ASSERT_EQ(transport.clock->count, 2u);
-    const auto& pulls = transport.clock->pulls;
-    EXPECT_EQ(pulls[0].sampleTime, 0);
-    EXPECT_EQ(pulls[0].frames, 200u);
-    EXPECT_FALSE(pulls[0].reverse);
-    EXPECT_EQ(pulls[1].sampleTime, -112);
-    EXPECT_EQ(pulls[1].frames, 312u);
-    EXPECT_TRUE(pulls[1].reverse);
-    EXPECT_TRUE(pulls[1].running);
-
-    // A nearer landmark with only an action hides a turn further on in the
-    // same block, and acts once, at the end of the piece.
-    Transport hidden;
-    auto action = std::make_shared<KROTestActionLandmark>();
-    hidden.add(250, turn);
-    hidden.add(
-        100, [](KROConductorLandmark&) {}, action);
-    hidden.conductor->start();
-    hidden.head->renderBlock();
-    EXPECT_EQ(action->actions, 1);
-    EXPECT_EQ(hidden.clock->count, 1u);
-    EXPECT_FALSE(hidden.conductor->isReverse());
-}
-
-TEST(KROConductorAudioProcessor, AStoppedTransportStillPullsAndStartingGoesOnPastTheStop) {
-    Transport transport;
-    transport.add(100, stopForward);
-    // Standing: upstream renders into the head's buffer at the conductor's
-    // time, told that the transport stands.
-    transport.head->renderBlock();
-    EXPECT_EQ(samplesOf(*transport.head->buffer), played({{0, 512, 1}}));
-    EXPECT_FALSE(transport.clock->pulls[0].running);
-    transport.conductor->start();
-    transport.head->renderBlock();
-    EXPECT_DOUBLE_EQ(transport.conductor->location(), 100 / kRate);
-    // A landmark at the playhead never fires: playback goes on from a stop.
-    transport.conductor->start();
-    transport.head->renderBlock();
-    EXPECT_EQ(samplesOf(*transport.head->buffer), played({{100, 512, 1}}));
-    EXPECT_TRUE(transport.clock->pulls[2].running);
-    EXPECT_EQ(transport.delegate.stops, 1);
-    // stop() does not tell the delegate.
-    transport.conductor->stop();
-    EXPECT_EQ(transport.delegate.stops, 1);
+    // The action came once, at the end of its piece.
+    EXPECT_EQ(ActionLandmark::calls, 1);
 }
 
 TEST(KROConductorAudioProcessor, ANewSampleRateKeepsThePositionInSeconds) {
     Transport transport;
     transport.conductor->setLocation(1.5);
-    transport.stream.uninitialize();
+    transport.graph.stream->uninitialize();
     transport.head->sampleRate = 44100.0;
-    ASSERT_TRUE(transport.stream.initialize());
+    ASSERT_TRUE(transport.graph.stream->initialize());
     EXPECT_EQ(transport.conductor->currentSampleFrame(), 66150);
     EXPECT_DOUBLE_EQ(transport.conductor->location(), 1.5);
 }

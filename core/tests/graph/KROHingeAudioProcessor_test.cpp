@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 
 #include "KROAllocationGuard.h"
-#include "KROGraphTestClasses.h"
 #include "KROHingeAudioProcessor.h"
+#include "KROShapingTestSupport.h"
 
-using namespace kro_graph_test;
+using namespace kro_shaping_test;
 
 namespace {
 
@@ -29,24 +29,11 @@ public:
     std::int64_t impulseAt = 700;
 };
 
-struct Hinged {
-    Hinged() {
-        KROPropertyList head = entry("KROTestHead", "head");
-        head.setObjectForKey("isRenderHead", true);
-        head.setObjectForKey("channels", 1);
-        head.setObjectForKey("frames", 512);
-        EXPECT_TRUE(stream.initWithDescription(description(
-            {head, entry("KROHingeAudioProcessor", "hinge"), entry("KROTestImpulse", "impulse")},
-            {connection("in", "impulse", "hinge"), connection("out", "hinge", "head")})));
-        EXPECT_TRUE(stream.initialize());
-        this->head = processorOf<KROTestHead>(stream, "head");
-        hinge = processorOf<KROHingeAudioProcessor>(stream, "hinge");
-    }
-
-    KROAudioStream stream;
-    std::shared_ptr<KROTestHead> head;
-    std::shared_ptr<KROHingeAudioProcessor> hinge;
-};
+// head (one channel, 512 frames) <- hinge <- impulse.
+Graph hingeGraph() {
+    return graph({entry("KROHingeAudioProcessor", "hinge"), entry("KROTestImpulse", "impulse")}, {},
+                 1, 512);
+}
 
 } // namespace
 
@@ -65,15 +52,16 @@ TEST(KROHingeAudioProcessor, AnImpulseComesOut512FramesLateInRealTimeAndAtOnceOt
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        Hinged hinged;
+        const Graph hinged = hingeGraph();
+        auto hinge = hinged.get<KROHingeAudioProcessor>("hinge");
         hinged.head->info()->setRealtime(c.realtime);
-        hinged.hinge->setEnabled(c.enabled);
+        hinge->setEnabled(c.enabled);
         std::vector<std::int64_t> arrivals;
         for (int block = 0; block < 4; ++block) {
             KRO_EXPECT_NO_ALLOCATION(hinged.head->renderBlock());
             // The device's pace: the worker finishes each block before the
             // next callback.
-            hinged.hinge->queue()->sync([] {});
+            hinge->queue()->sync([] {});
             const KROAudioBufferList& buffer = *hinged.head->buffer;
             for (std::uint64_t frame = 0; frame < buffer.frames(); ++frame) {
                 if (buffer.valueAtFrame(frame) != 0.0f) {
@@ -83,18 +71,17 @@ TEST(KROHingeAudioProcessor, AnImpulseComesOut512FramesLateInRealTimeAndAtOnceOt
             }
         }
         EXPECT_EQ(arrivals, std::vector<std::int64_t>{c.arrival});
-        EXPECT_EQ(hinged.hinge->latency(), c.latency);
+        EXPECT_EQ(hinge->latency(), c.latency);
     }
 }
 
 TEST(KROHingeAudioProcessor, ABlockStillQueuedWhenTheHingeIsTakenDownDoesNothing) {
-    Hinged hinged;
+    const Graph hinged = hingeGraph();
     for (int block = 0; block < 8; ++block) {
         hinged.head->renderBlock();
     }
-    hinged.stream.uninitialize();
-    hinged.hinge->queue()->sync([] {});
-    EXPECT_FALSE(hinged.hinge->isInitialized());
+    hinged.stream->uninitialize();
+    hinged.get<KROHingeAudioProcessor>("hinge")->queue()->sync([] {});
 }
 
 KRO_REGISTER_CLASS(KROTestImpulse, KROAudioGenerator)

@@ -4,48 +4,16 @@
 #include <gtest/gtest.h>
 
 #include "KROAllocationGuard.h"
-#include "KROGraphTestClasses.h"
 #include "KROMixerAudioProcessor.h"
+#include "KROShapingTestSupport.h"
 
-using namespace kro_graph_test;
-
-namespace {
-
-// head <- mixer <- one generator for each value, all on a description.
-std::shared_ptr<KROAudioStream> mixerStream(const std::vector<float>& values) {
-    KROPropertyList head = entry("KROTestHead", "head");
-    head.setObjectForKey("isRenderHead", true);
-    KROPropertyList mixer = entry("KROMixerAudioProcessor", "mixer");
-    KROPropertyList::Array buses;
-    KROPropertyList::Array processors{head};
-    KROPropertyList::Array connections{connection("out", "mixer", "head")};
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        const std::string bus = "in" + std::to_string(i);
-        const std::string generator = "g" + std::to_string(i);
-        KROPropertyList busEntry;
-        busEntry.setObjectForKey("identifier", bus);
-        buses.push_back(busEntry);
-        KROPropertyList source = entry("KROTestGenerator", generator.c_str());
-        source.setObjectForKey("value", static_cast<double>(values[i]));
-        processors.push_back(source);
-        connections.push_back(connection(bus.c_str(), generator.c_str(), bus.c_str()));
-    }
-    mixer.setObjectForKey("inputBuses", std::move(buses));
-    processors.push_back(mixer);
-    auto stream = std::make_shared<KROAudioStream>();
-    KROErrorPtr error;
-    EXPECT_TRUE(stream->initWithDescription(description(processors, connections), &error));
-    EXPECT_TRUE(stream->initialize(&error)) << (error ? error->description() : "");
-    return stream;
-}
-
-} // namespace
+using namespace kro_shaping_test;
 
 TEST(KROMixerAudioProcessor, InputsAreSummedAtUnityGainAndARefusedInputRepeatsTheOneBefore) {
     struct Case {
         const char* what;
         std::vector<float> values;
-        // The bus whose connection refuses the mixer's buffer, or -1.
+        // The input whose connection refuses the mixer's buffer, or -1.
         int refused;
         float expected;
     };
@@ -57,15 +25,27 @@ TEST(KROMixerAudioProcessor, InputsAreSummedAtUnityGainAndARefusedInputRepeatsTh
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        const auto stream = mixerStream(c.values);
-        if (c.refused >= 0) {
-            const std::string name = "in" + std::to_string(c.refused);
-            stream->connectionWithIdentifier(name)->setNumberOfChannels(1);
+        // head <- mixer <- g0, g1 ... on buses in0, in1 ...
+        std::vector<std::string> buses;
+        KROPropertyList::Array processors;
+        KROPropertyList::Array connections{connection(nullptr, "mixer", "head")};
+        for (std::size_t i = 0; i < c.values.size(); ++i) {
+            const std::string source = "g" + std::to_string(i);
+            buses.push_back("in" + std::to_string(i));
+            processors.push_back(entry("KROTestGenerator", source.c_str()));
+            processors.back().setObjectForKey("value", double(c.values[i]));
+            connections.push_back(connection(source.c_str(), source.c_str(), buses[i].c_str()));
         }
-        auto head = processorOf<KROTestHead>(*stream, "head");
-        head->buffer->setValue(9.0f, 0);
-        head->renderBlock();
-        KRO_EXPECT_NO_ALLOCATION(head->renderBlock());
-        EXPECT_TRUE(allSamplesAre(*head->buffer, c.expected));
+        processors.push_back(
+            withBuses(entry("KROMixerAudioProcessor", "mixer"), "inputBuses", buses));
+        const Graph mixing = graph(processors, connections);
+        if (c.refused >= 0) {
+            mixing.stream->connectionWithIdentifier("g" + std::to_string(c.refused))
+                ->setNumberOfChannels(1);
+        }
+        mixing.head->buffer->setValue(9.0f, 0);
+        mixing.head->renderBlock();
+        KRO_EXPECT_NO_ALLOCATION(mixing.head->renderBlock());
+        EXPECT_TRUE(allSamplesAre(*mixing.head->buffer, c.expected));
     }
 }

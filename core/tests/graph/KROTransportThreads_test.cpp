@@ -13,27 +13,20 @@
 #include "KROAudioAutomation.h"
 #include "KROConductorAudioProcessor.h"
 #include "KROFaderAudioProcessor.h"
-#include "KROGraphTestClasses.h"
 #include "KROHingeAudioProcessor.h"
+#include "KROShapingTestSupport.h"
 
-using namespace kro_graph_test;
+using namespace kro_shaping_test;
 
 TEST(KROTransportThreads, HostEditsWhileTheRenderThreadPullsThroughHingeConductorAndFader) {
-    KROPropertyList head = entry("KROTestHead", "head");
-    head.setObjectForKey("isRenderHead", true);
-    head.setObjectForKey("frames", 512);
-    KROAudioStream stream;
-    ASSERT_TRUE(stream.initWithDescription(description(
-        {head, entry("KROHingeAudioProcessor", "hinge"),
-         entry("KROConductorAudioProcessor", "conductor"), entry("KROFaderAudioProcessor", "fader"),
-         entry("KROTestGenerator", "generator")},
-        {connection("c1", "generator", "fader"), connection("c2", "fader", "conductor"),
-         connection("c3", "conductor", "hinge"), connection("c4", "hinge", "head")})));
-    ASSERT_TRUE(stream.initialize());
-    auto output = processorOf<KROTestHead>(stream, "head");
-    auto hinge = processorOf<KROHingeAudioProcessor>(stream, "hinge");
-    auto conductor = processorOf<KROConductorAudioProcessor>(stream, "conductor");
-    auto fader = processorOf<KROFaderAudioProcessor>(stream, "fader");
+    const Graph chain = graph(
+        {entry("KROHingeAudioProcessor", "hinge"), entry("KROConductorAudioProcessor", "conductor"),
+         entry("KROFaderAudioProcessor", "fader"), entry("KROTestGenerator", "generator")},
+        {}, 2, 512);
+    auto output = chain.head;
+    auto hinge = chain.get<KROHingeAudioProcessor>("hinge");
+    auto conductor = chain.get<KROConductorAudioProcessor>("conductor");
+    auto fader = chain.get<KROFaderAudioProcessor>("fader");
     conductor->start();
 
     alarm(120);

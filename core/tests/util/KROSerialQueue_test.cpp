@@ -7,7 +7,7 @@
 #include <sched.h>
 
 #include <atomic>
-#include <condition_variable>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -27,31 +27,6 @@ void logPayload(void* context, const void* payload) {
     const std::lock_guard guard(log->lock);
     log->entries.push_back(*static_cast<const int*>(payload));
 }
-
-// Holds the worker inside a task until opened.
-struct Gate {
-    std::mutex lock;
-    std::condition_variable changed;
-    bool entered = false;
-    bool open = false;
-
-    static void wait(void* context, const void* /*payload*/) {
-        auto* gate = static_cast<Gate*>(context);
-        std::unique_lock guard(gate->lock);
-        gate->entered = true;
-        gate->changed.notify_all();
-        gate->changed.wait(guard, [gate] { return gate->open; });
-    }
-    void waitUntilEntered() {
-        std::unique_lock guard(lock);
-        changed.wait(guard, [this] { return entered; });
-    }
-    void release() {
-        const std::lock_guard guard(lock);
-        open = true;
-        changed.notify_all();
-    }
-};
 
 bool realtimePermitted() {
     bool permitted = false;
@@ -88,17 +63,21 @@ TEST(KROSerialQueue, TasksRunInTheOrderGivenAndSyncWaitsForThemAll) {
 
 TEST(KROSerialQueue, AFullRingRefusesTheRenderThreadWithoutWaitingOrAllocating) {
     Log log;
-    Gate gate;
+    std::promise<void> entered;
+    std::promise<void> open;
     {
         KROSerialQueue queue("com.krotect.test", KROSerialQueue::Priority::normal, 2);
-        ASSERT_TRUE(queue.async(Gate::wait, &gate, 0));
-        gate.waitUntilEntered();
+        queue.async([&] {
+            entered.set_value();
+            open.get_future().wait();
+        });
+        entered.get_future().wait();
         KRO_EXPECT_NO_ALLOCATION({
             EXPECT_TRUE(queue.async(logPayload, &log, 1));
             EXPECT_TRUE(queue.async(logPayload, &log, 2));
             EXPECT_FALSE(queue.async(logPayload, &log, 3));
         });
-        gate.release();
+        open.set_value();
         // Destruction runs what is queued.
     }
     EXPECT_EQ(log.entries, (std::vector<int>{1, 2}));
