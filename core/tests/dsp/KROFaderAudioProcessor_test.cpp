@@ -107,7 +107,8 @@ TEST(KROFaderAudioProcessor, OfflineAnAutomationGivesEachFrameTheCurvesExactValu
                1536, 2e-6f);
 }
 
-// Blocks of 256 frames and a source of 1: the output is the gain.
+// Blocks of 256 frames and a source of 1: the output is the gain, asked to
+// be 0.5 outside the automation.
 TEST(KROFaderAudioProcessor, InRealTimeEachBlockRampsBetweenTheCurvesValuesAtItsEnds) {
     struct Case {
         const char* what;
@@ -117,11 +118,11 @@ TEST(KROFaderAudioProcessor, InRealTimeEachBlockRampsBetweenTheCurvesValuesAtIts
     };
     // clang-format off
     const Case cases[] = {
-        {"frames before the automation keep the reached gain", true, 256 + 223, 1.0f},
+        {"frames before the automation keep the reached gain", true, 256 + 223, 0.5f},
         {"the automation begins at its own value", true, 256 + 224, 0.1f},
         {"a block inside starts at the curve's value there", true, 512, decibelRampAt(512)},
         {"and ramps toward the value at its end", true, 512 + 128, (decibelRampAt(512) + decibelRampAt(768)) / 2},
-        {"frames after the end take the asked gain", true, 768 + 192, 1.0f},
+        {"frames after the end take the asked gain", true, 768 + 192, 0.5f},
         {"a standing transport holds the value at the block's start", false, 512 + 255, decibelRampAt(512)},
     };
     // clang-format on
@@ -131,6 +132,7 @@ TEST(KROFaderAudioProcessor, InRealTimeEachBlockRampsBetweenTheCurvesValuesAtIts
         chain.chain.head->info()->setRealtime(true);
         chain.chain.head->info()->setRunning(c.running);
         chain.fader->insertAutomationsAtIndexes({decibelRamp()}, {0});
+        chain.fader->setScalar(0.5f);
         chain.render(4, 256);
         EXPECT_NEAR(chain.output[c.frame], c.gain, 1e-5f);
     }

@@ -15,9 +15,13 @@ namespace {
 
 constexpr double kRate = 48000.0;
 
-// A DC offset, a tone and a slow wobble, different on each channel.
+// A DC offset, a tone and a slow wobble, different on each channel, then
+// a quarter of a second of silence for the filter's tail.
 float testSignal(std::uint64_t frame, std::uint32_t channel) {
     const double t = double(frame) / kRate;
+    if (t >= 0.75) {
+        return 0.0f;
+    }
     return float(0.3 - 0.2 * channel + 0.4 * std::sin(2 * M_PI * 1000 * t) +
                  0.1 * std::sin(2 * M_PI * 7 * t));
 }
@@ -61,8 +65,6 @@ TEST(KRORemoveDCAudioProcessor, FiltersAsSoxsSinglePoleHighPassOfTheSamePole) {
     for (std::size_t i = 0; i < output.size(); ++i) {
         ASSERT_NEAR(output[i], theirs[i] / ((1.0 + pole) / 2.0), 2e-6) << "sample " << i;
     }
-    // The offset is gone after a second.
-    EXPECT_NEAR(output[output.size() - 2] + output[output.size() - 1], 0.0, 0.2);
 }
 
 // A constant 1: the filter's first output is 1, then it decays by the pole.

@@ -110,7 +110,9 @@ TEST(KROConductorAudioProcessor, BlocksAreCutAtLandmarksExactToTheFrame) {
         const char* what;
         std::int64_t from;
         bool reverse;
-        bool start;
+        // 0: standing, 1: start(), 2: setRunning(true), which the render
+        // info upstream does not learn of.
+        int start;
         std::uint64_t frames;
         std::vector<Mark> marks;
         std::vector<float> samples;
@@ -124,36 +126,40 @@ TEST(KROConductorAudioProcessor, BlocksAreCutAtLandmarksExactToTheFrame) {
     const Case cases[] = {
         // what, from, reverse, start, frames, landmarks, samples,
         // playhead, running, stops, the last pull's sample time and direction
-        {"a stop ends the block at its frame", 0, false, true, 512, {{100, stop}},
+        {"a stop ends the block at its frame", 0, false, 1, 512, {{100, stop}},
          played({{0, 100, 1}, {0, 412, 0}}), 100, false, 1, 0, false},
-        {"a stop under the playhead never fires", 100, false, true, 512, {{100, stop}},
+        {"a stop under the playhead never fires", 100, false, 1, 512, {{100, stop}},
          played({{100, 512, 1}}), 612, true, 0, 100, false},
-        {"a landmark on the block's end fires in it", 0, false, true, 512, {{512, stop}},
+        {"stop beats jump", 0, false, 1, 512, {{100, stop | jump, 300}},
+         played({{0, 100, 1}, {0, 412, 0}}), 100, false, 1, 0, false},
+        {"a landmark on the block's end fires in it", 0, false, 1, 512, {{512, stop}},
          played({{0, 512, 1}}), 512, false, 1, 0, false},
-        {"of two landmarks at one frame the later acts", 0, false, true, 512,
+        {"of two landmarks at one frame the later acts", 0, false, 1, 512,
          {{300, stop}, {300, jump, 50}},
          played({{0, 300, 1}, {50, 212, 1}}), 262, true, 0, 50, false},
-        {"a jump loops inside the block", 900, false, true, 512, {{1000, jump, 100}},
+        {"a jump loops inside the block", 900, false, 1, 512, {{1000, jump, 100}},
          played({{900, 100, 1}, {100, 412, 1}}), 512, true, 0, 100, false},
-        {"a jump back to where the piece began stops", 0, false, true, 512, {{100, jump, 0}},
+        {"a jump back to where the piece began stops", 0, false, 1, 512, {{100, jump, 0}},
          played({{0, 100, 1}, {0, 412, 0}}), 0, false, 1, 0, false},
-        {"a turn plays the rest backward from its lowest frame", 0, false, true, 512, {{200, turn}},
+        {"a turn plays the rest backward from its lowest frame", 0, false, 1, 512, {{200, turn}},
          played({{0, 200, 1}, {199, 312, -1}}), -112, true, 0, -112, true},
-        {"a disabled landmark does nothing", 0, false, true, 512, {{100, stop | disabled}},
+        {"a disabled landmark does nothing", 0, false, 1, 512, {{100, stop | disabled}},
          played({{0, 512, 1}}), 512, true, 0, 0, false},
-        {"a forward landmark is passed in reverse", 600, true, true, 512, {{300, stop}},
+        {"a forward landmark is passed in reverse", 600, true, 1, 512, {{300, stop}},
          played({{599, 512, -1}}), 88, true, 0, 88, true},
-        {"reverse motion goes on below frame 0", 100, true, true, 512, {},
+        {"reverse motion goes on below frame 0", 100, true, 1, 512, {},
          played({{99, 512, -1}}), -412, true, 0, -412, true},
-        {"a nearer action hides a turn and does not cut", 0, false, true, 512,
+        {"a nearer action hides a turn and does not cut", 0, false, 1, 512,
          {{250, turn}, {100, action}},
          played({{0, 512, 1}}), 512, true, 0, 0, false},
-        {"landmarks at no frame are passed", 0, false, true, 512,
+        {"landmarks at no frame are passed", 0, false, 1, 512,
          {{1e300, stop}, {-1e300, stop}, {never, stop}},
          played({{0, 512, 1}}), 512, true, 0, 0, false},
-        {"a request of no frames stops", 0, false, true, 0, {},
+        {"a request of no frames stops", 0, false, 1, 0, {},
          {}, 0, false, 1, -1, false},
-        {"a standing transport still pulls at its own time", 0, false, false, 512, {{100, stop}},
+        {"a stop does not stop a transport set running by plain access", 0, false, 2, 512, {{100, stop}},
+         played({{0, 100, 1}, {0, 412, 0}}), 100, true, 0, 0, false},
+        {"a standing transport still pulls at its own time", 0, false, 0, 512, {{100, stop}},
          played({{0, 512, 1}}), 0, false, 0, 0, false},
     };
     // clang-format on
@@ -162,9 +168,10 @@ TEST(KROConductorAudioProcessor, BlocksAreCutAtLandmarksExactToTheFrame) {
         Transport transport(c.marks);
         transport.conductor->setLocation(double(c.from) / kRate);
         transport.conductor->setReverse(c.reverse);
-        if (c.start) {
+        if (c.start == 1) {
             transport.conductor->start();
         }
+        transport.conductor->setRunning(c.start != 0);
         transport.head->buffer->setFrames(c.frames);
         KRO_EXPECT_NO_ALLOCATION(transport.head->renderBlock());
         const float* samples = transport.head->buffer->channel(0);
