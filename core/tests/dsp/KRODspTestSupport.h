@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <unistd.h>
@@ -27,6 +28,8 @@ struct Chain {
         EXPECT_NE(processor, nullptr) << identifier;
         return processor;
     }
+    template <typename T> std::shared_ptr<T> sourceAs() const { return get<T>("source"); }
+    template <typename T> std::shared_ptr<T> meterAs() const { return get<T>("meter"); }
     KROAudioBufferList& render(std::uint64_t frames) { return head->renderBlock(frames); }
 };
 
@@ -66,6 +69,28 @@ inline std::filesystem::path rawFloatFile(const std::string& name,
         .write(reinterpret_cast<const char*>(samples.data()),
                static_cast<std::streamsize>(samples.size() * sizeof(float)));
     return path;
+}
+
+// Samples run through an outside program: command names its input file IN
+// and its output file OUT, both raw 32-bit floats.
+inline std::vector<float> throughCommand(const std::vector<float>& samples, std::string command) {
+    const auto in = rawFloatFile("command-in.f32", samples);
+    const auto out = in.parent_path() / (in.filename().string() + ".out");
+    command.replace(command.find("IN"), 2, "'" + in.string() + "'");
+    command.replace(command.find("OUT"), 3, "'" + out.string() + "'");
+    const std::string messages = KRORunCommand(command + " 2>&1").output;
+    std::ifstream file(out, std::ios::binary);
+    const std::vector<char> bytes((std::istreambuf_iterator<char>(file)), {});
+    std::vector<float> result(bytes.size() / sizeof(float));
+    std::memcpy(result.data(), bytes.data(), result.size() * sizeof(float));
+    EXPECT_EQ(result.size(), samples.size()) << messages;
+    std::filesystem::remove(in);
+    std::filesystem::remove(out);
+    return result;
+}
+
+inline bool haveProgram(const std::string& name) {
+    return KRORunCommand("command -v " + name + " >/dev/null 2>&1").status == 0;
 }
 
 } // namespace kro_dsp_test

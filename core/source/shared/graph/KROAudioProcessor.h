@@ -13,6 +13,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -154,6 +155,17 @@ public:
     // Clears the processor of every automation, then removes those at the
     // indexes; indexes past the end are ignored.
     void removeAutomationsAtIndexes(const KROIndexSet& indexes);
+    // Held by the render path while it reads the automations, and by every
+    // change of them while the processor renders: insert, remove and
+    // settings take it themselves; a host that edits an automation or its
+    // curve in place holds it around the edit.
+    std::mutex& automationsLock() const { return automationsLock_; }
+    // Plays the automations for one block of frames from firstFrame, at the
+    // rate given: for each parameter key, in key order, one value from its
+    // enabled automations in order of location, set once with setValue, with
+    // no ramp inside the block. An automation that has ended holds its last
+    // value. Takes automationsLock and allocates nothing of its own.
+    void applyAutomations(std::int64_t firstFrame, std::uint64_t frames, double sampleRate);
 
     // Plain access.
     const std::string& identifier() const { return identifier_; }
@@ -180,6 +192,9 @@ protected:
     std::shared_ptr<KROAudioInputBus> makeInputBus(const std::string& busClass);
     std::shared_ptr<KROAudioOutputBus> makeOutputBus(const std::string& busClass);
     void replaceAutomations(const KROPropertyList::Array& elements);
+    // The value of one parameter's automations for a block (applyAutomations).
+    float automatedValue(const std::string& key, std::int64_t firstFrame, std::uint64_t frames,
+                         double sampleRate) const;
 
     std::string identifier_;
     std::optional<std::vector<KROChannelConfiguration>> channelConfigurations_;
@@ -187,6 +202,7 @@ protected:
     InputBuses inputBuses_;
     OutputBuses outputBuses_;
     Automations automations_;
+    mutable std::mutex automationsLock_;
     KROAudioStream* stream_ = nullptr;
     bool initialized_ = false;
 };

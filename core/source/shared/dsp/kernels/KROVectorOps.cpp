@@ -138,6 +138,13 @@ KRO_VECTOR_LOOP void kro_vramp(float a, float b, float* c, std::size_t n, std::s
     }
 }
 
+KRO_VECTOR_LOOP void kro_vadd(const float* a, const float* b, float* c, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = a[i] + b[i];
+    }
+}
+
 KRO_VECTOR_LOOP void kro_vmul(const float* a, const float* b, float* c, std::size_t n) {
 #pragma GCC unroll 4
     for (std::size_t i = 0; i < n; ++i) {

@@ -30,6 +30,9 @@ void kro_vsmul(const float* a, float b, float* c, std::size_t n);
 // of its first element, equals the ramp made whole.
 void kro_vramp(float a, float b, float* c, std::size_t n, std::size_t first);
 
+// vDSP_vadd: c[i] = a[i] + b[i]. c may be the same vector as a or b.
+void kro_vadd(const float* a, const float* b, float* c, std::size_t n);
+
 // vDSP_vmul: c[i] = a[i] * b[i]. c may be the same vector as a or b.
 void kro_vmul(const float* a, const float* b, float* c, std::size_t n);
 
