@@ -33,7 +33,7 @@ struct Chain {
     KROAudioBufferList& render(std::uint64_t frames) { return head->renderBlock(frames); }
 };
 
-// Builds and initialises the chain; a failure ends the test program, so that
+// Builds and initialises the chain, offline and running; a failure ends the test program, so that
 // no test goes on through a null pointer.
 inline Chain makeChain(const char* sourceClass, const char* meterClass, std::uint32_t channels,
                        std::uint64_t maxFrames, double sampleRate = 48000.0) {
@@ -55,6 +55,9 @@ inline Chain makeChain(const char* sourceClass, const char* meterClass, std::uin
         std::abort();
     }
     chain.head = chain.get<KROTestHead>("head");
+    // Offline and running, as a file render drives a chain.
+    chain.head->info()->setRealtime(false);
+    chain.head->info()->setRunning(true);
     return chain;
 }
 

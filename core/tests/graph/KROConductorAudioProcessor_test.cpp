@@ -172,8 +172,7 @@ TEST(KROConductorAudioProcessor, BlocksAreCutAtLandmarksExactToTheFrame) {
             transport.conductor->start();
         }
         transport.conductor->setRunning(c.start != 0);
-        transport.head->buffer->setFrames(c.frames);
-        KRO_EXPECT_NO_ALLOCATION(transport.head->renderBlock());
+        KRO_EXPECT_NO_ALLOCATION(transport.head->renderBlock(c.frames));
         const float* samples = transport.head->buffer->channel(0);
         EXPECT_EQ(std::vector<float>(samples, samples + c.frames), c.samples);
         EXPECT_EQ(transport.conductor->currentSampleFrame(), c.playhead);

@@ -51,6 +51,17 @@ public:
         ++renderCount;
     }
 
+    // A constant signal, also from the setting "value".
+    void setValue(float value) {
+        signal = [value](std::uint64_t, std::uint32_t) { return value; };
+    }
+    bool setSettings(const KROPropertyList& settings, KROErrorPtr* error = nullptr) override {
+        if (const KROPropertyList* value = settings.objectForKey("value")) {
+            setValue(static_cast<float>(value->doubleValue(0.5)));
+        }
+        return KROAudioGenerator::setSettings(settings, error);
+    }
+
     Signal signal = [](std::uint64_t, std::uint32_t) { return 0.5f; };
     int initializeCount = 0;
     std::atomic<std::uint64_t> renderCount{0}, violations{0};

@@ -29,7 +29,7 @@ inline Graph graph(const KROPropertyList::Array& processors,
     KROPropertyList head = entry("KROTestHead", "head");
     head.setObjectForKey("isRenderHead", true);
     head.setObjectForKey("channels", channels);
-    head.setObjectForKey("frames", frames);
+    head.setObjectForKey("maxFrames", frames);
     KROPropertyList::Array all{head};
     std::string downstream = "head";
     const bool chain = connections.empty();
@@ -47,19 +47,6 @@ inline Graph graph(const KROPropertyList::Array& processors,
     EXPECT_TRUE(graph.stream->initialize(&error)) << (error ? error->description() : "");
     graph.head = processorOf<KROTestHead>(*graph.stream, "head");
     return graph;
-}
-
-// An entry whose buses on one side ("inputBuses", "outputBuses") bear names.
-inline KROPropertyList withBuses(KROPropertyList processor, const char* side,
-                                 const std::vector<std::string>& names) {
-    KROPropertyList::Array buses;
-    for (const std::string& name : names) {
-        KROPropertyList bus;
-        bus.setObjectForKey("identifier", name);
-        buses.push_back(bus);
-    }
-    processor.setObjectForKey(side, std::move(buses));
-    return processor;
 }
 
 } // namespace kro_shaping_test
