@@ -76,6 +76,7 @@
 #include "KROAudioFileContent.h"
 #include "KROAudioFileContentClass.h"
 #include "KROAudioFileContentStandIn.h"
+#include "KROAudioFileWAVEContent.h"
 #include "KROAudioLabel.h"
 #include "KROAudioLabelMetadataItem.h"
 #include "KROCAFChunkList.h"

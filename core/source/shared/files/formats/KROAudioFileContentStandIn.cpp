@@ -4,7 +4,7 @@
 
 const std::vector<std::string>& KROAudioFileContentStandIn::standInNames() {
     static const std::vector<std::string> names = {
-        "KROAudioFileAIFFContent", "KROAudioFileWAVEContent", "KROAudioFileCAFContent",
+        "KROAudioFileAIFFContent", "KROAudioFileCAFContent",
         "KROAudioFileSFILContent", "KROAudioFileAUContent",   "KROAudioFileWAV64Content",
         "KROAudioFileMP3Content",  "KROAudioFileM4AContent",  "KROAudioFileVorbisContent",
         "KROAudioFileFLACContent", "KROAudioFileVOXContent",  "KROAudioFileDDPContent",

@@ -1,0 +1,396 @@
+// WAVE files as this library writes and reads them: the bytes of a plain
+// file, every sample format written and read back bit for bit, labels and
+// metadata written and read back, chunks of other writers, and damaged files.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "KROAudioTestSupport.h"
+#include "KROStringHelpers.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+KRODate utcDate(int year, int month, int day, int hour = 0, int minute = 0, int second = 0) {
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    return std::chrono::system_clock::from_time_t(::timegm(&parts));
+}
+
+// "type start+length key=value ...", times in frames at 48 kHz.
+std::string labelText(const KROAudioLabel& label) {
+    std::string text = label.type() + " " + std::to_string(std::llround(label.location() * 48000)) +
+                       "+" + std::to_string(std::llround(label.length() * 48000));
+    for (const auto& item : label.metadata()) {
+        text += " " + item->key() + "=" + (item->value() ? item->value()->description() : "");
+    }
+    return text;
+}
+
+std::vector<std::string> labelTexts(const KROAudioFileContent& content) {
+    std::vector<std::string> texts;
+    for (const auto& label : content.labels()) {
+        texts.push_back(labelText(*label));
+    }
+    return texts;
+}
+
+std::shared_ptr<KROAudioLabel> label(const char* type, double start, double length,
+                                     std::vector<std::pair<const char*, const char*>> items = {}) {
+    auto made = KROAudioLabel::labelOfType(type);
+    made->setLocation(start);
+    made->setLength(length);
+    for (const auto& [key, value] : items) {
+        made->setValueForUndefinedKey(KROPropertyList(value), key);
+    }
+    return made;
+}
+
+bool contains(const KROData& bytes, std::string_view text) {
+    return std::search(bytes.begin(), bytes.end(), text.begin(), text.end()) != bytes.end();
+}
+
+} // namespace
+
+// With no metadata a file is the header, 'fmt ' and 'data', with a pad byte
+// after odd sample data that the data size does not count.
+TEST(KROAudioFileWAVEContent, PlainSamplesGiveHeaderFormatAndData) {
+    KROTemporaryDirectory directory;
+    const struct {
+        std::uint32_t channels, bitDepth, frames;
+        std::uint8_t silence;
+    } cases[] = {{1, 24, 3, 0x00}, {3, 8, 1, 0x80}, {2, 16, 2, 0x00}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.bitDepth);
+        const auto buffer = KROAudioBufferList::bufferListWithChannels(c.channels, c.frames);
+        writeWAVE(directory / "plain.wav", *buffer,
+                  [&](KROAudioFileWAVEContent& content) { content.setBitDepth(c.bitDepth); });
+        const std::uint32_t blockAlign = c.channels * c.bitDepth / 8;
+        const std::uint32_t dataBytes = blockAlign * c.frames;
+        KROTestBytes expected;
+        expected.text("RIFF").le32(36 + dataBytes + dataBytes % 2).text("WAVE");
+        expected.text("fmt ").le32(16).le(1, 2).le(c.channels, 2).le32(48000);
+        expected.le32(blockAlign * 48000).le(blockAlign, 2).le(c.bitDepth, 2);
+        expected.text("data").le32(dataBytes).fill(dataBytes, c.silence).fill(dataBytes % 2);
+        EXPECT_EQ(KROReadTestFile(directory / "plain.wav"), expected.data());
+    }
+}
+
+// Each sample format reads back as the floats that write back to the same
+// file, byte for byte; mu-law is always 8 bits and floats always 32.
+TEST(KROAudioFileWAVEContent, EverySampleFormatRoundTripsBitExact) {
+    KROTemporaryDirectory directory;
+    const struct {
+        const char* what;
+        const char* encoding;
+        std::uint64_t askedDepth;
+        bool isFloat;
+        std::uint16_t tag, bitDepth;
+    } cases[] = {
+        {"unsigned 8-bit", "lpcm", 8, false, 1, 8},   {"16-bit", "lpcm", 16, false, 1, 16},
+        {"24-bit", "lpcm", 24, false, 1, 24},         {"32-bit", "lpcm", 32, false, 1, 32},
+        {"float asked as 64", "lpcm", 64, true, 3, 32}, {"mu-law asked as 16", "ulaw", 16, false, 7, 8},
+    };
+    const auto ramp = rampBuffer(2, 500, 1.0f / 151);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const auto setUp = [&](KROAudioFileWAVEContent& content) {
+            content.setEncoding(kro::fourCC(c.encoding));
+            content.setBitDepth(c.askedDepth);
+            content.setIsFloatingPoint(c.isFloat);
+        };
+        writeWAVE(directory / "first.wav", *ramp, setUp);
+        const KROData first = KROReadTestFile(directory / "first.wav");
+        ASSERT_GE(first.size(), 36u);
+        EXPECT_EQ(first[20] | first[21] << 8, c.tag);
+        EXPECT_EQ(first[34] | first[35] << 8, c.bitDepth);
+
+        const auto read = parsedWAVE(directory / "first.wav");
+        ASSERT_TRUE(read);
+        EXPECT_EQ(read->frames(), 500u);
+        EXPECT_EQ(read->bitDepth(), c.bitDepth);
+        EXPECT_EQ(read->isFloatingPoint(), c.isFloat);
+        EXPECT_EQ(read->encoding(), kro::fourCC(c.encoding));
+        const auto samples = allAudio(*read);
+        EXPECT_EQ(samplesOf(*samples), libsndfileSamples(directory / "first.wav"));
+
+        writeWAVE(directory / "second.wav", *samples, setUp);
+        EXPECT_EQ(KROReadTestFile(directory / "second.wav"), first);
+        EXPECT_EQ(samplesOf(*allAudio(*parsedWAVE(directory / "second.wav"))), samplesOf(*samples));
+    }
+}
+
+// Markers, regions, loops and slices come back where they were, regions
+// after all markers, markers with the identifiers of their cue points,
+// which go on from those of the loops.
+TEST(KROAudioFileWAVEContent, LabelsRoundTrip) {
+    KROTemporaryDirectory directory;
+    const auto buffer = KROAudioBufferList::bufferListWithChannels(1, 480);
+    writeWAVE(directory / "labels.wav", *buffer, [](KROAudioFileWAVEContent& content) {
+        content.labels() = {
+            label("marker", 0.5, 0, {{"name", "Verse"}}),
+            label("region", 1.0, 0.25, {{"name", "Chorus"}}),
+            label("marker", 0, 0),
+            label("loop", 0.1, 0.1, {{"loopType", "forwardBackward"}}),
+            label("loop", 0.3, 0.1, {{"loopType", "backward"}}),
+            label("loop", 0.5, 0.1),
+            label("slice", 0.75, 0),
+            label("slice", 0.25, 0),
+        };
+    });
+    const auto content = parsedWAVE(directory / "labels.wav");
+    ASSERT_TRUE(content);
+    EXPECT_EQ(labelTexts(*content), (std::vector<std::string>{
+                                        "marker 24000+0 id=4 name=Verse",
+                                        "marker 0+0 id=5",
+                                        "region 48000+12000 name=Chorus",
+                                        "loop 4800+4800 loopType=forwardBackward loopPhase=sustain",
+                                        "loop 14400+4800 loopType=backward loopPhase=sustain",
+                                        "loop 24000+4800 loopType=forward loopPhase=sustain",
+                                        "slice 12000+0",
+                                        "slice 36000+0",
+                                    }));
+    // Slices bring the tempo chunk with its defaults.
+    EXPECT_EQ(content->metadata().objectForKey("tempo")->doubleValue(), 120.0);
+}
+
+// Every metadata key of the chunks written here reads back; writing consumes
+// what it wrote, all but the identifier. A coding history is written whole
+// and read back cut to 256 bytes.
+TEST(KROAudioFileWAVEContent, MetadataRoundTrips) {
+    KROTemporaryDirectory directory;
+    KROData umid(64);
+    for (std::size_t i = 0; i < umid.size(); ++i) {
+        umid[i] = static_cast<std::uint8_t>(i * 3 + 1);
+    }
+    std::string history;
+    while (history.size() < 300) {
+        history += "A=PCM,F=48000,W=24,M=mono,T=KROCore\r\n";
+    }
+    history.resize(300);
+    KROPropertyList written = KROPropertyList::Dictionary{
+        {"description", "Take 12, room mic"},
+        {"originator", "KROCore"},
+        {"originatorReference", "REF-0042"},
+        {"originationDate", utcDate(2024, 3, 5)},
+        {"originationTime", utcDate(2000, 1, 1, 13, 14, 15)},
+        {"timeReference", 2.5},
+        {"smpteUMID", umid},
+        {"codingHistory", history},
+        {"baseNote", 60},
+        {"detune", -12},
+        {"gain", -6},
+        {"lowNote", 36},
+        {"highNote", 96},
+        {"lowVelocity", 1},
+        {"highVelocity", 127},
+        {"musicalKey", "F#"},
+        {"tempo", 98.5},
+        {"meterNumerator", 7},
+        {"meterDenominator", 8},
+        {"beats", 14},
+        {"playbackType", "loop"},
+        {"creationDate", utcDate(2023, 11, 22, 10, 20, 30)},
+        {"isrc", "GBAYE2400001"},
+    };
+    for (const char* key : {"name", "genre", "keywords", "author", "originalArtist",
+                            "originalMedium", "originalDimensions", "digitizationSource",
+                            "commissionedBy", "sourceSupplier", "engineers", "digitizer", "cropped",
+                            "archivalLocation", "product", "copyright", "softwarePackage",
+                            "comments", "annotation", "subject"}) {
+        written.setObjectForKey(key, std::string("the ") + key);
+    }
+    KROAudioFileWAVEContent consumer;
+    consumer.setWritingDirectory(directory.path());
+    consumer.setSampleRate(48000);
+    consumer.setNumberOfChannels(1);
+    consumer.setBitDepth(16);
+    consumer.metadata() = written;
+    ASSERT_TRUE(consumer.beginWrite() && consumer.endWrite());
+    EXPECT_EQ(consumer.metadata().allKeys(), std::vector<std::string>{"isrc"});
+
+    const auto buffer = KROAudioBufferList::bufferListWithChannels(1, 9);
+    writeWAVE(directory / "metadata.wav", *buffer, [&](KROAudioFileWAVEContent& content) {
+        content.metadata() = written;
+        content.setBitDepth(24);
+    });
+    const auto content = parsedWAVE(directory / "metadata.wav");
+    ASSERT_TRUE(content);
+    KROPropertyList expected = written;
+    expected.setObjectForKey("codingHistory", history.substr(0, 256));
+    EXPECT_EQ(content->metadata().count(), expected.count());
+    for (const std::string& key : expected.allKeys()) {
+        const KROPropertyList* value = content->metadata().objectForKey(key);
+        EXPECT_TRUE(value && *value == *expected.objectForKey(key))
+            << key << ": " << (value ? value->description() : "none");
+    }
+}
+
+// A one-shot loses its beats, a file with no key reads with none, and a
+// broadcast chunk with no UMID has version 0 and reads with none.
+TEST(KROAudioFileWAVEContent, KeptQuirksOfTempoAndBroadcastChunks) {
+    KROTemporaryDirectory directory;
+    const auto buffer = KROAudioBufferList::bufferListWithChannels(1, 4);
+    writeWAVE(directory / "shot.wav", *buffer, [](KROAudioFileWAVEContent& content) {
+        content.metadata().setObjectForKey("playbackType", "oneShot");
+        content.metadata().setObjectForKey("beats", 8);
+        content.metadata().setObjectForKey("description", "shot");
+    });
+    const KROData bytes = KROReadTestFile(directory / "shot.wav");
+    // bext's version lies 346 bytes into its data, after its 8-byte header at 12.
+    EXPECT_EQ(bytes.at(12 + 8 + 346), 0);
+    const auto content = parsedWAVE(directory / "shot.wav");
+    ASSERT_TRUE(content);
+    for (const char* key : {"beats", "musicalKey", "smpteUMID"}) {
+        EXPECT_FALSE(content->metadata().objectForKey(key)) << key;
+    }
+    EXPECT_EQ(*content->metadata().objectForKey("playbackType")->stringValue(), "oneShot");
+}
+
+// Chunks that only other writers make are read: a region list, a cart chunk,
+// a cue point at frame 0 found through its sample offset, more points than
+// the count says, a region text of length 0, loops of unknown type, and a
+// broadcast chunk of version 2, whose UMID is not taken. Writing them back
+// makes neither a cart nor a region-list chunk.
+TEST(KROAudioFileWAVEContent, ChunksOfOtherWritersAreReadButNotWritten) {
+    KROTemporaryDirectory directory;
+    KROTestBytes cue;
+    cue.le32(1).le32(1).le32(0).text("data").le32(0).le32(0).le32(800);
+    cue.le32(2).le32(1600).text("data").le32(0).le32(0).le32(1600);
+    KROTestBytes adtl;
+    adtl.text("adtl").text("labl").le32(10).le32(2).text("Kept").fill(2);
+    adtl.text("ltxt").le32(20).le32(2).le32(0).text("rgn ").fill(8);
+    KROTestBytes regn;
+    regn.le(1, 8).fill(12).le(400, 8).le(1200, 8).fill(24).le(3, 1).text("Old").fill(32);
+    KROTestBytes bext;
+    bext.text("Foreign").fill(338 - 7).le(0, 8).le(2, 2).fill(64, 7).fill(190);
+    KROTestBytes cart;
+    cart.text("0101").text("Cart Title").fill(438).text("2020-02-29").fill(2048 - 462);
+    KROData cartBytes = cart.data();
+    cartBytes[680] = 0x00, cartBytes[681] = 0x40; // 16384 of 32768: half scale
+    KROTestBytes smpl;
+    smpl.fill(28).le32(2).le32(0);
+    smpl.le32(1).le32(0xFFFFFFFF).le32(80).le32(160).le32(0).le32(0);
+    smpl.le32(2).le32(7).le32(240).le32(320).le32(0).le32(0);
+    KROTestBytes strc;
+    strc.le32(28).le32(2).le32(65).le32(5).le32(1).le32(0).le32(0);
+    strc.le32(2).le32(0).le32(100).le32(0).le32(0).fill(12);
+    strc.le32(0).le32(0).le32(200).le32(0).le32(200).fill(12);
+    KROTestBytes file;
+    file.text("RIFF").le32(0).text("WAVE");
+    file.text("fmt ").le32(16).le(1, 2).le(1, 2).le32(8000).le32(16000).le(2, 2).le(16, 2);
+    file.text("data").le32(4).fill(4);
+    for (const auto& [type, body] :
+         {std::pair{"cue ", cue.data()}, {"LIST", adtl.data()}, {"regn", regn.data()},
+          {"bext", bext.data()}, {"cart", cartBytes}, {"smpl", smpl.data()},
+          {"strc", strc.data()}}) {
+        file.text(type).le32(body.size()).bytes(body).fill(body.size() % 2);
+    }
+    KROData bytes = file.data();
+    bytes[4] = static_cast<std::uint8_t>(bytes.size() - 8), bytes[5] = (bytes.size() - 8) >> 8;
+    KROWriteTestFile(directory / "foreign.wav", bytes);
+
+    const auto content = parsedWAVE(directory / "foreign.wav");
+    ASSERT_TRUE(content);
+    std::vector<std::string> texts;
+    for (const auto& read : content->labels()) {
+        // In frames at the file's 8 kHz.
+        texts.push_back(read->type() + " " + std::to_string(std::llround(read->start() * 8000)) +
+                        "+" + std::to_string(std::llround(read->length() * 8000)) + " " +
+                        (read->valueForUndefinedKey("name") ? *read->valueForUndefinedKey("name")->stringValue() : "") +
+                        (read->valueForUndefinedKey("loopType") ? *read->valueForUndefinedKey("loopType")->stringValue() : ""));
+    }
+    EXPECT_EQ(texts, (std::vector<std::string>{"region 400+800 Old", "marker 800+0 ",
+                                               "marker 1600+0 Kept", "loop 80+80 none",
+                                               "loop 240+80 ", "slice 200+0 "}));
+    const KROPropertyList& metadata = content->metadata();
+    EXPECT_EQ(*metadata.objectForKey("description")->stringValue(), "Foreign");
+    EXPECT_FALSE(metadata.objectForKey("smpteUMID"));
+    EXPECT_EQ(*metadata.objectForKey("title")->stringValue(), "Cart Title");
+    EXPECT_EQ(*metadata.objectForKey("startDate")->dateValue(), utcDate(2020, 2, 29));
+    EXPECT_NEAR(metadata.objectForKey("levelReference")->doubleValue(), -6.0206, 1e-4);
+
+    const auto samples = allAudio(*content);
+    writeWAVE(directory / "again.wav", *samples, [&](KROAudioFileWAVEContent& again) {
+        again.labels() = content->labels();
+        again.metadata() = content->metadata();
+    });
+    const KROData rewritten = KROReadTestFile(directory / "again.wav");
+    EXPECT_FALSE(contains(rewritten, "cart"));
+    EXPECT_FALSE(contains(rewritten, "regn"));
+    EXPECT_TRUE(contains(rewritten, "Old"));
+}
+
+// Damaged files fail with their codes or, when only optional chunks lie,
+// read with what could be read, whatever the counts claim.
+TEST(KROAudioFileWAVEContent, DamagedFilesFailWithTheirCodesOrReadWhatTheyHold) {
+    KROTemporaryDirectory directory;
+    const auto format = [](std::uint16_t tag, std::uint16_t channels) {
+        return KROTestBytes()
+            .text("fmt ")
+            .le32(16)
+            .le(tag, 2)
+            .le(channels, 2)
+            .le32(8000)
+            .le32(16000)
+            .le(2, 2)
+            .le(16, 2)
+            .data();
+    };
+    const auto riff = [](const KROData& chunks) {
+        return KROTestBytes().text("RIFF").le32(chunks.size() + 4).text("WAVE").bytes(chunks).data();
+    };
+    const KROData data = KROTestBytes().text("data").le32(8).fill(8).data();
+    const auto join = [](std::initializer_list<KROData> parts) {
+        KROTestBytes bytes;
+        for (const KROData& part : parts) {
+            bytes.bytes(part);
+        }
+        return bytes.data();
+    };
+    const KROData lyingCue = KROTestBytes().text("cue ").le32(28).le32(0x7FFFFFFF).le32(1).fill(20).data();
+    const KROData lyingLoops = KROTestBytes().text("smpl").le32(60).fill(28).le32(0x7FFFFFFF).fill(28).data();
+    const KROData lyingSlices = KROTestBytes().text("strc").le32(28).le32(28).le32(0xFFFFFFFF).fill(20).data();
+    const KROData lyingRegions = KROTestBytes().text("regn").le32(8).le(~0ull, 8).data();
+    const KROData lyingList =
+        KROTestBytes().text("LIST").le32(20).text("INFO").text("INAM").le32(0xFFFFFFF0).text("ab").fill(2).data();
+    const struct {
+        const char* what;
+        KROData bytes;
+        std::int64_t code;
+        std::size_t labels;
+    } cases[] = {
+        {"no format chunk", riff(KROTestBytes().text("abcd").le32(4).fill(4).data()), 1, 0},
+        {"ADPCM", riff(join({format(2, 1), data})), 2, 0},
+        {"no data chunk", riff(format(1, 1)), 3, 0},
+        {"a data size of 0", riff(join({format(1, 1), KROTestBytes().text("data").le32(0).data()})), 3, 0},
+        {"data cut short by 8 bytes",
+         riff(join({format(1, 1), KROTestBytes().text("data").le32(16).fill(8).data()})), 3, 0},
+        {"no channels", riff(join({format(1, 0), data})), 5, 0},
+        {"counts and sizes that lie",
+         riff(join({format(1, 1), data, lyingCue, lyingLoops, lyingSlices, lyingRegions, lyingList})),
+         0, 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        KROWriteTestFile(directory / "damaged.wav", c.bytes);
+        KROErrorPtr error;
+        const auto content = parsedWAVE(directory / "damaged.wav", &error);
+        EXPECT_EQ(error ? error->code() : 0, c.code);
+        if (error) {
+            EXPECT_EQ(error->className(), "KROAudioFileWAVEContentError");
+            EXPECT_NE(error->description().find("Reading the audio file 'damaged'"), std::string::npos)
+                << error->description();
+        } else {
+            ASSERT_TRUE(content);
+            EXPECT_EQ(content->labels().size(), c.labels);
+            EXPECT_EQ(content->frames(), 4u);
+        }
+    }
+}

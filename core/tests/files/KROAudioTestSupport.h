@@ -1,0 +1,80 @@
+// What the handler tests share: samples of a buffer in file order, the same
+// as libsndfile reads them, and a WAVE file written or read in one call.
+#pragma once
+
+#include <sndfile.h>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "KROAudioFileWAVEContent.h"
+#include "KROFileTestSupport.h"
+
+// Interleaved, as a file holds them.
+inline std::vector<float> samplesOf(const KROAudioBufferList& buffer) {
+    std::vector<float> samples;
+    for (std::uint64_t frame = 0; frame < buffer.frames(); ++frame) {
+        for (std::uint32_t channel = 0; channel < buffer.numberOfChannels(); ++channel) {
+            samples.push_back(buffer.channel(channel)[frame]);
+        }
+    }
+    return samples;
+}
+
+// Interleaved samples as libsndfile reads them, normalised to +-1.
+inline std::vector<float> libsndfileSamples(const std::filesystem::path& path) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    std::vector<float> samples(file ? static_cast<std::size_t>(info.frames * info.channels) : 0);
+    if (file) {
+        sf_readf_float(file, samples.data(), info.frames);
+        sf_close(file);
+    }
+    return samples;
+}
+
+// A parsed WAVE file, or null after a failure, which lands in error.
+inline std::shared_ptr<KROAudioFileWAVEContent> parsedWAVE(const std::filesystem::path& path,
+                                                           KROErrorPtr* error = nullptr) {
+    auto content = std::make_shared<KROAudioFileWAVEContent>();
+    content->setURL(path);
+    return content->parse(error) ? content : nullptr;
+}
+
+// All the frames of a parsed file.
+inline std::shared_ptr<KROAudioBufferList> allAudio(KROAudioFileContent& content) {
+    auto buffer = KROAudioBufferList::bufferListWithChannels(
+        static_cast<std::uint32_t>(content.numberOfChannels()), std::max<std::uint64_t>(content.frames(), 1));
+    EXPECT_TRUE(content.getAudio(*buffer, 0));
+    return buffer;
+}
+
+// Writes the buffer as a WAVE file at path: 48 kHz, the buffer's channels,
+// 16 bits unless setUp says otherwise; setUp adds labels and metadata.
+inline void writeWAVE(const std::filesystem::path& path, const KROAudioBufferList& buffer,
+                      const std::function<void(KROAudioFileWAVEContent&)>& setUp = {}) {
+    KROAudioFileWAVEContent content;
+    content.setWritingDirectory(path.parent_path());
+    content.setSampleRate(48000);
+    content.setNumberOfChannels(buffer.numberOfChannels());
+    content.setBitDepth(16);
+    if (setUp) {
+        setUp(content);
+    }
+    KROErrorPtr error;
+    ASSERT_TRUE(content.beginWrite(&error) && content.writeAudio(buffer, &error) &&
+                content.endWrite(&error))
+        << (error ? error->description() : "");
+    std::filesystem::rename(content.URL(), path);
+}
+
+// A ramp through the whole range, different in each channel.
+inline std::shared_ptr<KROAudioBufferList> rampBuffer(std::uint32_t channels, std::uint64_t frames,
+                                                      float step) {
+    auto buffer = KROAudioBufferList::bufferListWithChannels(channels, frames);
+    for (std::uint64_t i = 0; i < channels * frames; ++i) {
+        buffer->channel(i % channels)[i / channels] = static_cast<float>(int(i % 200) - 100) * step;
+    }
+    return buffer;
+}
