@@ -1,0 +1,339 @@
+// WAVE files between this library and programs written elsewhere:
+// libsndfile, sndfile-info, soxi and ffprobe read what is written here,
+// and what sox, ffmpeg and libsndfile write is read here, samples, labels
+// and metadata alike.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "KROAudioTestSupport.h"
+#include "KROStringHelpers.h"
+#include "KROTestCommand.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+KRODate utcDate(int year, int month, int day, int hour = 0, int minute = 0, int second = 0) {
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    return std::chrono::system_clock::from_time_t(::timegm(&parts));
+}
+
+std::shared_ptr<KROAudioLabel> label(const char* type, double start, double length,
+                                     const char* name = nullptr) {
+    auto made = KROAudioLabel::labelOfType(type);
+    made->setLocation(start);
+    made->setLength(length);
+    if (name) {
+        made->setValueForUndefinedKey(KROPropertyList(name), "name");
+    }
+    return made;
+}
+
+// Stereo 24-bit at 48 kHz, 4800 frames, a marker, a region and a
+// ping-pong loop, broadcast, instrument and INFO metadata.
+void writeLabelledFile(const fs::path& path) {
+    writeWAVE(path, *rampBuffer(2, 4800, 1.0f / 128), [](KROAudioFileWAVEContent& content) {
+        content.setBitDepth(24);
+        auto loop = label("loop", 0.04, 0.02);
+        loop->setValueForUndefinedKey(KROPropertyList("forwardBackward"), "loopType");
+        content.labels() = {label("marker", 0.01, 0, "Start"), label("region", 0.02, 0.03, "Intro"),
+                            loop};
+        content.metadata() = KROPropertyList::Dictionary{
+            {"description", "Room tone"},
+            {"originator", "KROCore"},
+            {"originatorReference", "KRO-0001"},
+            {"originationDate", utcDate(2024, 3, 5)},
+            {"originationTime", utcDate(2000, 1, 1, 13, 14, 15)},
+            {"timeReference", 1.5},
+            {"codingHistory", "A=PCM,F=48000,W=24,M=stereo\r\n"},
+            {"baseNote", 60},
+            {"gain", 3},
+            {"lowNote", 10},
+            {"highNote", 100},
+            {"lowVelocity", 5},
+            {"highVelocity", 120},
+            {"name", "The take"},
+            {"originalArtist", "The band"},
+            {"comments", "Quiet room"},
+            {"copyright", "2024 KROCore"},
+            {"genre", "Ambient"},
+        };
+    });
+}
+
+std::string text(const char* field, std::size_t size) {
+    return std::string(field, strnlen(field, size));
+}
+
+std::string peer(const std::string& command) {
+    // Warnings on standard error are not the answer: soxi warns of the
+    // 16-byte format chunk of float files, which is written so on purpose.
+    const KROCommandResult result = KRORunCommand(command);
+    EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
+    return result.output;
+}
+
+void expectLines(const std::string& output, const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) {
+        EXPECT_NE(output.find(line), std::string::npos) << line << " not in\n" << output;
+    }
+}
+
+} // namespace
+
+// libsndfile's own commands see the cue points, loop, base note, broadcast
+// fields and INFO texts written here.
+TEST(KROAudioFileWAVEContent, LibsndfileReadsOurLabelsAndMetadata) {
+    KROTemporaryDirectory directory;
+    const fs::path path = directory / "ours.wav";
+    writeLabelledFile(path);
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    ASSERT_TRUE(file) << sf_strerror(nullptr);
+    EXPECT_EQ(info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
+    EXPECT_EQ(info.frames, 4800);
+    EXPECT_EQ(info.channels, 2);
+
+    SF_CUES cues{};
+    ASSERT_EQ(sf_command(file, SFC_GET_CUE, &cues, sizeof cues), SF_TRUE);
+    ASSERT_EQ(cues.cue_count, 2u);
+    // Cue identifiers go on after the loop's 1.
+    EXPECT_EQ(cues.cue_points[0].indx, 2);
+    EXPECT_EQ(cues.cue_points[0].position, 480u);
+    EXPECT_EQ(cues.cue_points[1].indx, 3);
+    EXPECT_EQ(cues.cue_points[1].sample_offset, 960u);
+
+    SF_INSTRUMENT instrument{};
+    ASSERT_EQ(sf_command(file, SFC_GET_INSTRUMENT, &instrument, sizeof instrument), SF_TRUE);
+    EXPECT_EQ(instrument.basenote, 60);
+    ASSERT_EQ(instrument.loop_count, 1);
+    EXPECT_EQ(instrument.loops[0].mode, SF_LOOP_ALTERNATING);
+    EXPECT_EQ(instrument.loops[0].start, 1920u);
+    // libsndfile's end lies one past the last frame that the chunk stores.
+    EXPECT_EQ(instrument.loops[0].end, 2881u);
+
+    SF_BROADCAST_INFO broadcast{};
+    ASSERT_EQ(sf_command(file, SFC_GET_BROADCAST_INFO, &broadcast, sizeof broadcast), SF_TRUE);
+    EXPECT_EQ(text(broadcast.description, 256), "Room tone");
+    EXPECT_EQ(text(broadcast.originator, 32), "KROCore");
+    EXPECT_EQ(text(broadcast.originator_reference, 32), "KRO-0001");
+    EXPECT_EQ(text(broadcast.origination_date, 10), "2024-03-05");
+    EXPECT_EQ(text(broadcast.origination_time, 8), "13:14:15");
+    EXPECT_EQ(broadcast.time_reference_low, 72000u);
+    EXPECT_EQ(broadcast.version, 0);
+    EXPECT_EQ(text(broadcast.coding_history, 256), "A=PCM,F=48000,W=24,M=stereo\r\n");
+
+    const std::pair<int, const char*> strings[] = {
+        {SF_STR_TITLE, "The take"},          {SF_STR_ARTIST, "The band"},
+        {SF_STR_COMMENT, "Quiet room"},      {SF_STR_COPYRIGHT, "2024 KROCore"},
+        {SF_STR_GENRE, "Ambient"},
+    };
+    for (const auto& [kind, expected] : strings) {
+        const char* found = sf_get_string(file, kind);
+        EXPECT_STREQ(found ? found : "", expected);
+    }
+    sf_close(file);
+    EXPECT_EQ(samplesOf(*allAudio(*parsedWAVE(path))), libsndfileSamples(path));
+}
+
+// sndfile-info, soxi and ffprobe see the same format, length, chunks,
+// broadcast fields and INFO texts, in every sample format.
+TEST(KROAudioFileWAVEContent, SndfileInfoSoxiAndFfprobeAgree) {
+    KROTemporaryDirectory directory;
+    const fs::path path = directory / "ours.wav";
+    writeLabelledFile(path);
+    expectLines(peer("sndfile-info " + path.string()),
+                {"bext : 632", "Loop Count   : 1",
+                 "Cue ID :  1  Type :  1  Start :  1920  End :  2880",
+                 "Cue ID :  2  Pos :   480", "Cue ID :  3  Pos :   960", "labl : 2 : Start",
+                 "labl : 3 : Intro", "ltxt : 20", "INAM : The take", "ICMT : Quiet room",
+                 "inst : 7", "Frames      : 4800", "Channels    : 2"});
+    expectLines(peer("ffprobe -v error -show_entries stream=codec_name,duration_ts:format_tags "
+                     "-of default=noprint_wrappers=1 " +
+                     path.string()),
+                {"codec_name=pcm_s24le", "duration_ts=4800", "TAG:title=The take",
+                 "TAG:artist=The band", "TAG:copyright=2024 KROCore", "TAG:genre=Ambient",
+                 "TAG:encoded_by=KROCore", "TAG:originator_reference=KRO-0001",
+                 "TAG:date=2024-03-05", "TAG:creation_time=13:14:15", "TAG:time_reference=72000"});
+
+    const struct {
+        const char* encoding;
+        std::uint64_t bitDepth;
+        bool isFloat;
+        const char* soxEncoding;
+        const char* codec;
+    } formats[] = {
+        {"lpcm", 8, false, "Unsigned Integer PCM", "pcm_u8"},
+        {"lpcm", 16, false, "Signed Integer PCM", "pcm_s16le"},
+        {"lpcm", 32, false, "Signed Integer PCM", "pcm_s32le"},
+        {"lpcm", 32, true, "Floating Point PCM", "pcm_f32le"},
+        {"ulaw", 8, false, "u-law", "pcm_mulaw"},
+    };
+    for (const auto& f : formats) {
+        SCOPED_TRACE(f.codec);
+        writeWAVE(path, *rampBuffer(3, 1001, 1.0f / 128), [&](KROAudioFileWAVEContent& content) {
+            content.setEncoding(kro::fourCC(f.encoding));
+            content.setBitDepth(f.bitDepth);
+            content.setIsFloatingPoint(f.isFloat);
+            content.metadata().setObjectForKey("name", f.codec);
+        });
+        EXPECT_EQ(peer("soxi -e " + path.string()), std::string(f.soxEncoding) + "\n");
+        EXPECT_EQ(peer("soxi -b " + path.string()), std::to_string(f.bitDepth) + "\n");
+        EXPECT_EQ(peer("soxi -s " + path.string()), "1001\n");
+        EXPECT_EQ(peer("soxi -c " + path.string()), "3\n");
+        expectLines(peer("ffprobe -v error -show_entries stream=codec_name,duration_ts:format_tags "
+                         "-of default=noprint_wrappers=1 " +
+                         path.string()),
+                    {std::string("codec_name=") + f.codec, "duration_ts=1001",
+                     std::string("TAG:title=") + f.codec});
+    }
+}
+
+// ffmpeg's broadcast chunk and INFO list, and its and sox's sample formats,
+// read here as ffmpeg wrote them and as libsndfile reads the samples. A-law
+// is not a WAVE format of this library, and the extensible form reads as
+// integers whatever its subformat, so ffmpeg's extensible doubles do not
+// read as floats.
+TEST(KROAudioFileWAVEContent, FilesOfFfmpegAndSoxReadHere) {
+    KROTemporaryDirectory directory;
+    const fs::path bwf = directory / "ffmpeg.wav";
+    peer("ffmpeg -v error -f lavfi -i sine=frequency=440:sample_rate=48000:duration=0.1 "
+         "-c:a pcm_s24le -write_bext 1 -metadata description='From ffmpeg' "
+         "-metadata originator=ffmpeg -metadata originator_reference=FF-7 "
+         "-metadata origination_date=2024-01-02 -metadata origination_time=03:04:05 "
+         "-metadata time_reference=96000 -metadata coding_history='A=PCM' "
+         "-metadata title='ff title' -metadata artist='ff artist' -metadata comment='ff note' " +
+         bwf.string());
+    const auto content = parsedWAVE(bwf);
+    ASSERT_TRUE(content);
+    EXPECT_EQ(content->frames(), 4800u);
+    EXPECT_EQ(samplesOf(*allAudio(*content)), libsndfileSamples(bwf));
+    const std::pair<const char*, KROPropertyList> fields[] = {
+        {"description", "From ffmpeg"},
+        {"originator", "ffmpeg"},
+        {"originatorReference", "FF-7"},
+        {"originationDate", utcDate(2024, 1, 2)},
+        {"originationTime", utcDate(2000, 1, 1, 3, 4, 5)},
+        {"timeReference", 2.0},
+        {"name", "ff title"},
+        {"originalArtist", "ff artist"},
+        {"comments", "ff note"},
+    };
+    for (const auto& [key, value] : fields) {
+        const KROPropertyList* read = content->metadata().objectForKey(key);
+        EXPECT_TRUE(read && *read == value) << key << ": " << (read ? read->description() : "none");
+    }
+    const KROPropertyList* history = content->metadata().objectForKey("codingHistory");
+    ASSERT_TRUE(history && history->stringValue());
+    EXPECT_EQ(history->stringValue()->rfind("A=PCM", 0), 0u);
+
+    const struct {
+        const char* command;
+        std::int64_t code;
+        bool isFloat;
+    } others[] = {
+        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_mulaw", 0, false},
+        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_f64le", 0, false},
+        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_alaw", 2, false},
+        {"sox -n -r 8000 -c 3 -e u-law", 0, false},
+        {"sox -n -r 8000 -c 2 -e floating-point -b 64", 0, true},
+        {"sox -n -r 8000 -c 1 -e floating-point -b 32", 0, true},
+    };
+    for (const auto& [command, code, isFloat] : others) {
+        SCOPED_TRACE(command);
+        const fs::path path = directory / "other.wav";
+        const std::string tail = std::string(command).starts_with("sox")
+                                     ? " " + path.string() + " synth 0.05 sine 300 vol 0.5"
+                                     : " -y " + path.string();
+        peer(command + tail);
+        KROErrorPtr error;
+        const auto other = parsedWAVE(path, &error);
+        EXPECT_EQ(error ? error->code() : 0, code);
+        if (other && other->bitDepth() <= 32) {
+            EXPECT_EQ(samplesOf(*allAudio(*other)), libsndfileSamples(path));
+        }
+        EXPECT_EQ(other && other->isFloatingPoint(), isFloat);
+    }
+}
+
+// A file that libsndfile writes with cue points, a loop, broadcast and cart
+// fields and a title reads here with all of them. libsndfile stores a loop's
+// end as its last frame, one before the end it was given, and writes no
+// names of cue points and no 'inst' chunk, so no instrument keys.
+TEST(KROAudioFileWAVEContent, LibsndfileLabelsAndMetadataReadHere) {
+    KROTemporaryDirectory directory;
+    const fs::path path = directory / "libsndfile.wav";
+    SF_INFO info{};
+    info.samplerate = 44100;
+    info.channels = 1;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_TRUE(file);
+    SF_CUES cues{};
+    cues.cue_count = 2;
+    cues.cue_points[0] = {1, 441, 0x61746164, 0, 0, 441, ""};
+    cues.cue_points[1] = {2, 882, 0x61746164, 0, 0, 882, ""};
+    sf_command(file, SFC_SET_CUE, &cues, sizeof cues);
+    SF_INSTRUMENT instrument{};
+    instrument.loop_count = 1;
+    instrument.loops[0] = {SF_LOOP_BACKWARD, 100, 300, 0};
+    sf_command(file, SFC_SET_INSTRUMENT, &instrument, sizeof instrument);
+    SF_BROADCAST_INFO broadcast{};
+    std::strcpy(broadcast.description, "From libsndfile");
+    std::strcpy(broadcast.originator, "libsndfile");
+    std::memcpy(broadcast.origination_date, "2023-06-07", 10);
+    std::memcpy(broadcast.origination_time, "08:09:10", 8);
+    broadcast.time_reference_low = 44100 * 3;
+    sf_command(file, SFC_SET_BROADCAST_INFO, &broadcast, sizeof broadcast);
+    SF_CART_INFO cart{};
+    std::memcpy(cart.version, "0101", 4);
+    std::strcpy(cart.title, "Cart title");
+    std::strcpy(cart.artist, "Cart artist");
+    cart.level_reference = 8192;
+    sf_command(file, SFC_SET_CART_INFO, &cart, sizeof cart);
+    sf_set_string(file, SF_STR_TITLE, "Titled");
+    std::vector<short> samples(4410);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        samples[i] = static_cast<short>(i * 7);
+    }
+    sf_write_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
+    sf_close(file);
+
+    const auto content = parsedWAVE(path);
+    ASSERT_TRUE(content);
+    EXPECT_EQ(samplesOf(*allAudio(*content)), libsndfileSamples(path));
+    std::vector<std::string> labels;
+    for (const auto& read : content->labels()) {
+        const KROPropertyList* name = read->valueForUndefinedKey("name");
+        const KROPropertyList* loopType = read->valueForUndefinedKey("loopType");
+        labels.push_back(read->type() + " " + std::to_string(std::llround(read->start() * 44100)) +
+                         "+" + std::to_string(std::llround(read->length() * 44100)) + " " +
+                         (name ? name->description() : "") + (loopType ? loopType->description() : ""));
+    }
+    EXPECT_EQ(labels, (std::vector<std::string>{"marker 441+0 ", "marker 882+0 ",
+                                                "loop 100+199 backward"}));
+    const std::pair<const char*, KROPropertyList> fields[] = {
+        {"description", "From libsndfile"},
+        {"originator", "libsndfile"},
+        {"originationDate", utcDate(2023, 6, 7)},
+        {"originationTime", utcDate(2000, 1, 1, 8, 9, 10)},
+        {"timeReference", 3.0},
+        {"title", "Cart title"},
+        {"artist", "Cart artist"},
+        {"name", "Titled"},
+    };
+    for (const auto& [key, value] : fields) {
+        const KROPropertyList* read = content->metadata().objectForKey(key);
+        EXPECT_TRUE(read && *read == value) << key << ": " << (read ? read->description() : "none");
+    }
+    // 8192 of 32768 at 16 bits: a quarter of full scale.
+    EXPECT_NEAR(content->metadata().objectForKey("levelReference")->doubleValue(), -12.0412, 1e-4);
+}
