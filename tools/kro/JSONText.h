@@ -4,9 +4,13 @@
 #include <string>
 #include <vector>
 
+class KROPropertyList;
+
 // A JSON string literal, quotes and control characters escaped.
 std::string jsonString(const std::string& text);
 std::string jsonStrings(const std::vector<std::string>& texts);
 // The shortest text that reads back as the same double; null for NaN and the
 // infinities, which JSON cannot hold.
 std::string jsonNumber(double value);
+// A property list as JSON: dates as their description, data as base64.
+std::string jsonValue(const KROPropertyList& value);

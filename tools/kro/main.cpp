@@ -3,8 +3,10 @@
 
 #include <iostream>
 
+#include "ConvertCommand.h"
 #include "DevicesCommand.h"
 #include "FormatCommand.h"
+#include "InfoCommand.h"
 #include "KROCore.h"
 #include "PlayCommand.h"
 
@@ -47,6 +49,8 @@ int main(int argc, char** argv) {
     app.footer("Run `kro COMMAND --help` for what a command does, its options and an example.");
     DevicesCommand devices(app);
     FormatCommand format(app);
+    InfoCommand info(app);
+    ConvertCommand convert(app);
     PlayCommand play(app);
 
     CLI11_PARSE(app, argc, argv);
@@ -62,6 +66,12 @@ int main(int argc, char** argv) {
     }
     if (format.parsed()) {
         return format.run();
+    }
+    if (info.parsed()) {
+        return info.run();
+    }
+    if (convert.parsed()) {
+        return convert.run();
     }
     std::cout << app.help();
     return 0;

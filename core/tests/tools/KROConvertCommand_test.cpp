@@ -1,0 +1,98 @@
+// `kro convert` as a user runs it: the new file keeps the samples, labels and
+// metadata in the sample format asked for, a long conversion shows a
+// progress bar on a terminal only, and a failure leaves no file behind.
+#include <gtest/gtest.h>
+
+#include "../files/KROAudioTestSupport.h"
+#include "KROTestCommand.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+KROCommandResult kro(const std::string& arguments) {
+    return KRORunCommand("timeout -s KILL 60 " KRO_TOOL " " + arguments);
+}
+
+std::string labelsAndMetadata(const fs::path& path) {
+    const auto content = parsedWAVE(path);
+    if (!content) {
+        return "unreadable";
+    }
+    std::string text;
+    for (const auto& label : content->labels()) {
+        text += label->properties().description() + ";";
+    }
+    return text + content->metadata().description();
+}
+
+} // namespace
+
+TEST(KROConvertCommand, KeepsSamplesLabelsAndMetadataInTheFormatAsked) {
+    KROTemporaryDirectory directory;
+    const fs::path input = directory / "in.wav";
+    writeWAVE(input, *rampBuffer(2, 4800, 1.0f / 128), [](KROAudioFileWAVEContent& content) {
+        content.setBitDepth(24);
+        auto region = KROAudioLabel::labelOfType("region");
+        region->setLocation(0.01);
+        region->setLength(0.02);
+        region->setValueForUndefinedKey(KROPropertyList("Chorus"), "name");
+        auto loop = KROAudioLabel::labelOfType("loop");
+        loop->setLocation(0.03);
+        loop->setLength(0.01);
+        content.labels() = {region, loop};
+        content.metadata().setObjectForKey("originator", "KROCore");
+        content.metadata().setObjectForKey("tempo", 96.0);
+        content.metadata().setObjectForKey("comments", "Converted");
+    });
+    const fs::path output = directory / "out.wav";
+    const KROCommandResult result = kro("convert " + input.string() + " " + output.string() +
+                                        " --format f32");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "Wrote " + output.string() +
+                                 ": WAVE File, 32-bit float, 2 channels at 48000 Hz, 4800 frames, "
+                                 "2 labels.\n");
+    EXPECT_EQ(KRORunCommand("soxi -e " + output.string() + " 2>/dev/null").output,
+              "Floating Point PCM\n");
+    EXPECT_EQ(libsndfileSamples(output), libsndfileSamples(input));
+    EXPECT_EQ(labelsAndMetadata(output), labelsAndMetadata(input));
+}
+
+TEST(KROConvertCommand, ShowsProgressOnATerminalOnly) {
+    KROTemporaryDirectory directory;
+    const fs::path input = directory / "long.wav";
+    ASSERT_EQ(KRORunCommand("sox -n -r 8000 -c 1 -b 8 " + input.string() + " synth 31 sine 300")
+                  .status,
+              0);
+    const std::string convert =
+        KRO_TOOL " convert " + input.string() + " " + (directory / "copy.wav").string();
+    const KROCommandResult terminal =
+        KRORunCommand("timeout -s KILL 60 script -qec '" + convert + "' /dev/null");
+    EXPECT_EQ(terminal.status, 0);
+    EXPECT_NE(terminal.output.find("\r[########################################] 100%"),
+              std::string::npos)
+        << terminal.output;
+    const KROCommandResult piped = KRORunCommand(convert);
+    EXPECT_EQ(piped.output.find('%'), std::string::npos) << piped.output;
+}
+
+TEST(KROConvertCommand, FailuresAreAClearMessageAndLeaveNoFile) {
+    KROTemporaryDirectory directory;
+    const fs::path input = directory / "in.wav";
+    writeWAVE(input, *KROAudioBufferList::bufferListWithChannels(1, 10));
+    const std::pair<std::string, std::string> cases[] = {
+        {"convert " + input.string() + " " + (directory / "out.xyz").string(),
+         "kro: no file format of kro writes files named \"" + (directory / "out.xyz").string() +
+             "\".\n"},
+        {"convert " + (directory / "none.wav").string() + " " + (directory / "out.wav").string(),
+         "kro: \"" + (directory / "none.wav").string() + "\" is not a file.\n"},
+        {"convert " + input.string() + " /nonexistent/krocore/out.wav",
+         "kro: cannot write \"/nonexistent/krocore/out.wav\": No such file or directory.\n"},
+    };
+    for (const auto& [arguments, message] : cases) {
+        const KROCommandResult result = kro(arguments + " 2>&1 >/dev/null");
+        EXPECT_EQ(result.status, 1) << arguments;
+        EXPECT_EQ(result.output, message);
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), fs::directory_iterator()), 1);
+}
