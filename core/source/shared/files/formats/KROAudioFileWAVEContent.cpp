@@ -5,6 +5,7 @@
 #include <cmath>
 #include <ctime>
 #include <fstream>
+#include <limits>
 #include <optional>
 #include <utility>
 
@@ -112,6 +113,12 @@ std::optional<KRODate> dateFromString(const std::string& text, const char* forma
     }
     const long offset = parts.tm_gmtoff;
     const std::time_t seconds = ::timegm(&parts) - offset;
+    // Years far from ours do not fit the clock's count of nanoseconds.
+    constexpr auto limit =
+        std::chrono::duration_cast<std::chrono::seconds>(KRODate::duration::max()).count() - 86400;
+    if (seconds < -limit || seconds > limit) {
+        return std::nullopt;
+    }
     return std::chrono::system_clock::from_time_t(seconds);
 }
 
@@ -138,6 +145,19 @@ std::string textOf(const KROPropertyList& value) {
         return *text;
     }
     return value.description();
+}
+
+// A number as an integer of the type, truncated; values beyond its range
+// give its ends and NaN gives 0, where a plain conversion is undefined.
+template <typename Integer> Integer saturated(double value) {
+    constexpr auto low = static_cast<double>(std::numeric_limits<Integer>::min());
+    constexpr auto high = static_cast<double>(std::numeric_limits<Integer>::max());
+    if (std::isnan(value)) {
+        return 0;
+    }
+    return value <= low ? std::numeric_limits<Integer>::min()
+           : value >= high ? std::numeric_limits<Integer>::max()
+                           : static_cast<Integer>(value);
 }
 
 template <typename Integer> Integer clamped(Integer value, Integer low, Integer high) {
@@ -621,7 +641,7 @@ bool KROAudioFileWAVEContent::endWrite(KROErrorPtr* error) {
 
 bool KROAudioFileWAVEContent::writeFormatChunk(KROAudioFileChunk& chunk, KROErrorPtr* error) {
     const std::int16_t tag = encoding() == fourCC("ulaw") ? 7 : isFloatingPoint() ? 3 : 1;
-    const auto rate = static_cast<std::uint32_t>(sampleRate());
+    const auto rate = static_cast<std::uint32_t>(saturated<std::int64_t>(sampleRate()));
     const auto blockAlign = static_cast<std::uint32_t>((bitDepth() >> 3) * numberOfChannels());
     chunk.reset();
     chunk.setType(fourCC("fmt "));
@@ -653,9 +673,8 @@ bool KROAudioFileWAVEContent::writeBroadcastChunk(KROAudioFileChunk& chunk, KROE
     dateField("originationDate", dateFormat, 10);
     dateField("originationTime", timeFormat, 8);
     const KROPropertyList* timeReference = values.objectForKey("timeReference");
-    chunk.appendLongLong(timeReference ? static_cast<std::int64_t>(timeReference->doubleValue() *
-                                                                   sampleRate())
-                                       : 0);
+    chunk.appendLongLong(
+        timeReference ? saturated<std::int64_t>(timeReference->doubleValue() * sampleRate()) : 0);
     const KROPropertyList* umid = values.objectForKey("smpteUMID");
     KROData umidBytes(64, 0);
     if (umid && umid->dataValue()) {
@@ -695,11 +714,11 @@ bool KROAudioFileWAVEContent::writeSamplerChunk(KROAudioFileChunk& chunk, KROErr
     chunk.setType(fourCC("smpl"));
     chunk.appendInt(0);
     chunk.appendInt(0);
-    chunk.appendInt(static_cast<std::int32_t>(1000000000.0 / sampleRate()));
-    chunk.appendInt(static_cast<std::int32_t>(number("baseNote")));
+    chunk.appendInt(saturated<std::int32_t>(1000000000.0 / sampleRate()));
+    chunk.appendInt(saturated<std::int32_t>(number("baseNote")));
     // The fraction of a semitone above the base note, in 32 bits.
     const float detune = static_cast<float>(number("detune")) / 50.0f * 2147483648.0f;
-    chunk.appendInt(static_cast<std::int32_t>(static_cast<std::int64_t>(detune)));
+    chunk.appendInt(static_cast<std::int32_t>(saturated<std::int64_t>(detune)));
     chunk.appendInt(0);
     chunk.appendInt(0);
     chunk.appendInt(static_cast<std::int32_t>(loops.size()));
@@ -732,7 +751,7 @@ bool KROAudioFileWAVEContent::writeInstrumentChunk(KROAudioFileChunk& chunk, KRO
     chunk.setType(fourCC("inst"));
     for (const char* key : instrumentKeys) {
         const KROPropertyList* value = metadata().objectForKey(key);
-        chunk.appendByte(static_cast<std::uint8_t>(value ? value->longValue() : 0));
+        chunk.appendByte(static_cast<std::uint8_t>(value ? saturated<std::int64_t>(value->doubleValue()) : 0));
     }
     if (!chunk.appendToFile(error)) {
         return false;
@@ -872,9 +891,9 @@ bool KROAudioFileWAVEContent::writeAcidChunk(KROAudioFileChunk& chunk, KROErrorP
     chunk.appendShort(static_cast<std::int16_t>(key ? keyIndex + 48 : 0));
     chunk.appendShort(static_cast<std::int16_t>(0x8000));
     chunk.appendInt(0);
-    chunk.appendInt(static_cast<std::int32_t>(number("beats", 4)));
-    chunk.appendShort(static_cast<std::int16_t>(number("meterNumerator", 4)));
-    chunk.appendShort(static_cast<std::int16_t>(number("meterDenominator", 4)));
+    chunk.appendInt(saturated<std::int32_t>(number("beats", 4)));
+    chunk.appendShort(saturated<std::int16_t>(number("meterNumerator", 4)));
+    chunk.appendShort(saturated<std::int16_t>(number("meterDenominator", 4)));
     chunk.appendFloat(static_cast<float>(number("tempo", 120.0)));
     if (!chunk.appendToFile(error)) {
         return false;
@@ -913,7 +932,7 @@ bool KROAudioFileWAVEContent::writeSliceChunk(KROAudioFileChunk& chunk, KROError
 // ---------------------------------------------------------------- helpers
 
 std::int64_t KROAudioFileWAVEContent::framesOfSeconds(double seconds) const {
-    return std::llround(seconds * sampleRate());
+    return saturated<std::int64_t>(std::round(seconds * sampleRate()));
 }
 
 bool KROAudioFileWAVEContent::hasLabelOfType(std::string_view type) const {

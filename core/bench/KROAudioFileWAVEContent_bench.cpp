@@ -1,0 +1,258 @@
+// Writing and reading WAVE files of stereo 16-bit, 24-bit and float samples
+// at 48 kHz, through the WAVE handler and through libsndfile in the same
+// run, each in its own shape of floats: the handler non-interleaved,
+// libsndfile interleaved, both in blocks of 65536 frames. Goal: at least as
+// fast as libsndfile. The ratios (frames per second of the handler over
+// libsndfile's) are printed after the table.
+//
+// The files last KRO_BENCH_WAVE_SECONDS seconds (default 600, ten minutes)
+// and lie in the temporary directory ($TMPDIR or /tmp). Both sides read the
+// same file, written by libsndfile and warm in the page cache.
+#include <benchmark/benchmark.h>
+
+#include <sndfile.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "KROAudioFileWAVEContent.h"
+#include "KROBenchmarkSupport.h"
+#include "KROStringHelpers.h"
+#include "KROURLExtension.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uint64_t blockFrames = 65536;
+constexpr double sampleRate = 48000;
+constexpr std::uint32_t channels = 2;
+
+std::uint64_t totalFrames() {
+    const char* text = std::getenv("KRO_BENCH_WAVE_SECONDS");
+    const double seconds = text ? std::strtod(text, nullptr) : 600.0;
+    return static_cast<std::uint64_t>((seconds > 0 ? seconds : 600.0) * sampleRate);
+}
+
+struct SampleFormat {
+    const char* name;
+    std::uint64_t bitDepth;
+    bool isFloat;
+    int libsndfileFormat;
+};
+const SampleFormat formats[] = {
+    {"16-bit", 16, false, SF_FORMAT_WAV | SF_FORMAT_PCM_16},
+    {"24-bit", 24, false, SF_FORMAT_WAV | SF_FORMAT_PCM_24},
+    {"float", 32, true, SF_FORMAT_WAV | SF_FORMAT_FLOAT},
+};
+
+fs::path benchPath(const std::string& name) {
+    return kro::temporaryDirectory() /
+           ("krocore-wave-bench-" + std::to_string(::getpid()) + "-" + name + ".wav");
+}
+
+// A quiet sine-like ramp, the same in both shapes.
+float sampleAt(std::uint64_t frame, std::uint32_t channel) {
+    return static_cast<float>(int((frame * (channel + 3)) % 2000) - 1000) / 2048.0f;
+}
+
+std::shared_ptr<KROAudioBufferList> planarBlock() {
+    auto block = KROAudioBufferList::bufferListWithChannels(channels, blockFrames);
+    for (std::uint64_t frame = 0; frame < blockFrames; ++frame) {
+        for (std::uint32_t channel = 0; channel < channels; ++channel) {
+            block->channel(channel)[frame] = sampleAt(frame, channel);
+        }
+    }
+    return block;
+}
+
+std::vector<float> interleavedBlock() {
+    std::vector<float> block(blockFrames * channels);
+    for (std::uint64_t frame = 0; frame < blockFrames; ++frame) {
+        for (std::uint32_t channel = 0; channel < channels; ++channel) {
+            block[frame * channels + channel] = sampleAt(frame, channel);
+        }
+    }
+    return block;
+}
+
+bool writeWithLibsndfile(const fs::path& path, const SampleFormat& format) {
+    SF_INFO info{};
+    info.samplerate = static_cast<int>(sampleRate);
+    info.channels = channels;
+    info.format = format.libsndfileFormat;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    if (!file) {
+        return false;
+    }
+    static const std::vector<float> block = interleavedBlock();
+    for (std::uint64_t done = 0; done < totalFrames(); done += blockFrames) {
+        const auto count = static_cast<sf_count_t>(std::min(blockFrames, totalFrames() - done));
+        sf_writef_float(file, block.data(), count);
+    }
+    return sf_close(file) == 0;
+}
+
+bool writeWithKROCore(const SampleFormat& format) {
+    KROAudioFileWAVEContent content;
+    content.setWritingDirectory(kro::temporaryDirectory());
+    content.setSampleRate(sampleRate);
+    content.setNumberOfChannels(channels);
+    content.setBitDepth(format.bitDepth);
+    content.setIsFloatingPoint(format.isFloat);
+    static const auto block = planarBlock();
+    bool written = content.beginWrite();
+    for (std::uint64_t done = 0; written && done < totalFrames(); done += blockFrames) {
+        block->setFrames(std::min(blockFrames, totalFrames() - done));
+        written = content.writeAudio(*block);
+    }
+    written = content.endWrite() && written;
+    fs::remove(content.URL());
+    return written;
+}
+
+// The files both readers read, by format name.
+std::map<std::string, fs::path>& sourceFiles() {
+    static std::map<std::string, fs::path> files;
+    return files;
+}
+
+// Written on first use.
+const fs::path& sourceFile(const SampleFormat& format) {
+    auto& path = sourceFiles()[format.name];
+    if (path.empty()) {
+        path = benchPath(std::string("source-") + format.name);
+        writeWithLibsndfile(path, format);
+    }
+    return path;
+}
+
+std::uint64_t readWithLibsndfile(const fs::path& path) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (!file) {
+        return 0;
+    }
+    std::vector<float> block(blockFrames * channels);
+    std::uint64_t frames = 0;
+    for (sf_count_t count; (count = sf_readf_float(file, block.data(), blockFrames)) > 0;) {
+        frames += static_cast<std::uint64_t>(count);
+        benchmark::DoNotOptimize(block.data());
+    }
+    sf_close(file);
+    return frames;
+}
+
+std::uint64_t readWithKROCore(const fs::path& path) {
+    KROAudioFileWAVEContent content;
+    content.setURL(path);
+    if (!content.parse()) {
+        return 0;
+    }
+    const auto block = KROAudioBufferList::bufferListWithChannels(channels, blockFrames);
+    std::uint64_t frames = 0;
+    for (; frames < content.frames(); frames += block->frames()) {
+        block->setFrames(blockFrames);
+        if (!content.getAudio(*block, frames)) {
+            return 0;
+        }
+        benchmark::DoNotOptimize(block->channel(0));
+    }
+    return frames;
+}
+
+void finish(benchmark::State& state, bool succeeded) {
+    if (!succeeded) {
+        state.SkipWithError("cannot write or read in the temporary directory");
+        return;
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * totalFrames()));
+}
+
+void registerBenchmarks() {
+    for (const SampleFormat& format : formats) {
+        const std::string name = format.name;
+        benchmark::RegisterBenchmark(("write/" + name + "/KROCore").c_str(),
+                                     [&format](benchmark::State& state) {
+                                         bool ok = true;
+                                         for (auto _ : state) {
+                                             ok = writeWithKROCore(format) && ok;
+                                         }
+                                         finish(state, ok);
+                                     })
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark(("write/" + name + "/libsndfile").c_str(),
+                                     [&format](benchmark::State& state) {
+                                         const fs::path path = benchPath("written");
+                                         bool ok = true;
+                                         for (auto _ : state) {
+                                             ok = writeWithLibsndfile(path, format) && ok;
+                                             fs::remove(path);
+                                         }
+                                         finish(state, ok);
+                                     })
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark(("read/" + name + "/KROCore").c_str(),
+                                     [&format](benchmark::State& state) {
+                                         bool ok = true;
+                                         for (auto _ : state) {
+                                             ok = readWithKROCore(sourceFile(format)) ==
+                                                      totalFrames() &&
+                                                  ok;
+                                         }
+                                         finish(state, ok);
+                                     })
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark(("read/" + name + "/libsndfile").c_str(),
+                                     [&format](benchmark::State& state) {
+                                         bool ok = true;
+                                         for (auto _ : state) {
+                                             ok = readWithLibsndfile(sourceFile(format)) ==
+                                                      totalFrames() &&
+                                                  ok;
+                                         }
+                                         finish(state, ok);
+                                     })
+            ->Unit(benchmark::kMillisecond);
+    }
+}
+
+// The table, then each handler figure over libsndfile's.
+class RatioReporter : public KROCounterReporter {
+public:
+    RatioReporter() : KROCounterReporter("items_per_second") {}
+
+    void Finalize() override {
+        KROCounterReporter::Finalize();
+        std::cout << "\nFrames per second of the WAVE handler over libsndfile's:\n";
+        for (const char* direction : {"write", "read"}) {
+            for (const SampleFormat& format : formats) {
+                const std::string base = std::string(direction) + "/" + format.name;
+                const double ours = figure(base + "/KROCore");
+                const double theirs = figure(base + "/libsndfile");
+                if (ours > 0 && theirs > 0) {
+                    std::cout << "  " << std::left << std::setw(14) << base << std::fixed
+                              << std::setprecision(2) << ours / theirs << "x\n";
+                }
+            }
+        }
+        for (const auto& [name, path] : sourceFiles()) {
+            std::error_code ignored;
+            fs::remove(path, ignored);
+        }
+    }
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    registerBenchmarks();
+    RatioReporter reporter;
+    return KRORunBenchmarks(argc, argv, reporter);
+}
