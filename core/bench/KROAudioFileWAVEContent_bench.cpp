@@ -198,27 +198,25 @@ void registerBenchmarks() {
                                          finish(state, ok);
                                      })
             ->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark(("read/" + name + "/KROCore").c_str(),
-                                     [&format](benchmark::State& state) {
-                                         bool ok = true;
-                                         for (auto _ : state) {
-                                             ok = readWithKROCore(sourceFile(format)) ==
-                                                      totalFrames() &&
-                                                  ok;
-                                         }
-                                         finish(state, ok);
-                                     })
+        benchmark::RegisterBenchmark(
+            ("read/" + name + "/KROCore").c_str(),
+            [&format](benchmark::State& state) {
+                bool ok = true;
+                for (auto _ : state) {
+                    ok = readWithKROCore(sourceFile(format)) == totalFrames() && ok;
+                }
+                finish(state, ok);
+            })
             ->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark(("read/" + name + "/libsndfile").c_str(),
-                                     [&format](benchmark::State& state) {
-                                         bool ok = true;
-                                         for (auto _ : state) {
-                                             ok = readWithLibsndfile(sourceFile(format)) ==
-                                                      totalFrames() &&
-                                                  ok;
-                                         }
-                                         finish(state, ok);
-                                     })
+        benchmark::RegisterBenchmark(
+            ("read/" + name + "/libsndfile").c_str(),
+            [&format](benchmark::State& state) {
+                bool ok = true;
+                for (auto _ : state) {
+                    ok = readWithLibsndfile(sourceFile(format)) == totalFrames() && ok;
+                }
+                finish(state, ok);
+            })
             ->Unit(benchmark::kMillisecond);
     }
 }

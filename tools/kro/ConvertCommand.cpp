@@ -50,10 +50,11 @@ void showProgress(std::uint64_t done, std::uint64_t total) {
 
 // Copies the samples block by block; false with the error of the failing step.
 bool copyAudio(KROAudioFileContent& input, KROAudioFileContent& output, KROErrorPtr* error) {
-    const bool progress = ::isatty(STDOUT_FILENO) &&
-                          double(input.frames()) > progressSeconds * input.sampleRate();
+    const bool progress =
+        ::isatty(STDOUT_FILENO) && double(input.frames()) > progressSeconds * input.sampleRate();
     const auto channels = static_cast<std::uint32_t>(input.numberOfChannels());
-    const std::uint64_t blockFrames = std::clamp<std::uint64_t>(blockBytes / (4 * channels), 1, 65536);
+    const std::uint64_t blockFrames =
+        std::clamp<std::uint64_t>(blockBytes / (4 * channels), 1, 65536);
     const auto buffer = KROAudioBufferList::bufferListWithChannels(channels, blockFrames);
     for (std::uint64_t frame = 0; frame < input.frames(); frame += buffer->frames()) {
         buffer->setFrames(blockFrames);
@@ -86,7 +87,8 @@ bool moveIntoPlace(const fs::path& from, const fs::path& to, std::string& messag
 } // namespace
 
 ConvertCommand::ConvertCommand(CLI::App& app) {
-    command_ = app.add_subcommand("convert", "Write an audio file again in another format, with its labels and metadata");
+    command_ = app.add_subcommand(
+        "convert", "Write an audio file again in another format, with its labels and metadata");
     command_->add_option("input", input_, "Audio file to read")->required();
     command_->add_option("output", output_, "File to write; its extension names the file format")
         ->required();
@@ -142,9 +144,10 @@ int ConvertCommand::run() const {
     if (!moveIntoPlace(output->URL(), target, message)) {
         return fail(message);
     }
-    std::cout << "Wrote " << output_ << ": " << output->format() << ", " << sampleFormatText(*output)
-              << ", " << output->numberOfChannels() << (output->numberOfChannels() == 1 ? " channel at " : " channels at ") << output->sampleRate()
-              << " Hz, " << output->frames() << " frames, " << output->labels().size()
-              << " labels.\n";
+    std::cout << "Wrote " << output_ << ": " << output->format() << ", "
+              << sampleFormatText(*output) << ", " << output->numberOfChannels()
+              << (output->numberOfChannels() == 1 ? " channel at " : " channels at ")
+              << output->sampleRate() << " Hz, " << output->frames() << " frames, "
+              << output->labels().size() << " labels.\n";
     return 0;
 }

@@ -23,10 +23,12 @@ std::string valueText(const KROPropertyList& value) {
 }
 
 void printText(const std::string& file, const KROAudioFileContent& content) {
-    const double duration = content.sampleRate() > 0 ? double(content.frames()) / content.sampleRate() : 0;
+    const double duration =
+        content.sampleRate() > 0 ? double(content.frames()) / content.sampleRate() : 0;
     std::cout << file << ": " << content.format() << "\n"
               << "  Samples:  " << sampleFormatText(content) << ", " << content.numberOfChannels()
-              << (content.numberOfChannels() == 1 ? " channel at " : " channels at ") << content.sampleRate() << " Hz\n"
+              << (content.numberOfChannels() == 1 ? " channel at " : " channels at ")
+              << content.sampleRate() << " Hz\n"
               << "  Frames:   " << content.frames() << " (" << seconds(duration) << ")\n"
               << "  Labels:   " << content.labels().size() << "\n";
     for (const auto& label : content.labels()) {
@@ -36,13 +38,15 @@ void printText(const std::string& file, const KROAudioFileContent& content) {
             std::cout << " + " << seconds(label->length());
         }
         for (const auto& item : label->metadata()) {
-            std::cout << "  " << item->key() << "=" << (item->value() ? valueText(*item->value()) : "");
+            std::cout << "  " << item->key() << "="
+                      << (item->value() ? valueText(*item->value()) : "");
         }
         std::cout << "\n";
     }
     std::cout << "  Metadata: " << content.metadata().count() << "\n";
     for (const std::string& key : content.metadata().allKeys()) {
-        std::cout << "    " << key << " = " << valueText(*content.metadata().objectForKey(key)) << "\n";
+        std::cout << "    " << key << " = " << valueText(*content.metadata().objectForKey(key))
+                  << "\n";
     }
 }
 
@@ -54,7 +58,8 @@ void printJSON(const std::string& file, const KROAudioFileContent& content) {
               << ",\"channels\":" << content.numberOfChannels()
               << ",\"sampleRate\":" << jsonNumber(content.sampleRate())
               << ",\"frames\":" << content.frames() << ",\"duration\":"
-              << jsonNumber(content.sampleRate() > 0 ? double(content.frames()) / content.sampleRate() : 0)
+              << jsonNumber(
+                     content.sampleRate() > 0 ? double(content.frames()) / content.sampleRate() : 0)
               << ",\"labels\":[";
     for (std::size_t index = 0; index < content.labels().size(); ++index) {
         const KROAudioLabel& label = *content.labels()[index];
@@ -74,7 +79,8 @@ void printJSON(const std::string& file, const KROAudioFileContent& content) {
 } // namespace
 
 InfoCommand::InfoCommand(CLI::App& app) {
-    command_ = app.add_subcommand("info", "Show the format, length, labels and metadata of an audio file");
+    command_ =
+        app.add_subcommand("info", "Show the format, length, labels and metadata of an audio file");
     command_->add_option("file", file_, "Audio file")->required();
     command_->add_flag("--json", json_, "Print JSON");
     command_->footer("Times are in seconds; dates print in UTC.\n\n"

@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "KROAudioFileContentStandIn.h"
-#include "KROClassRegistry.h"
 #include "KROAudioTestSupport.h"
+#include "KROClassRegistry.h"
 #include "KROTestCommand.h"
 #include "KROTestWAVEContent.h"
 #include "KROURLExtension.h"
@@ -60,11 +60,10 @@ std::shared_ptr<KROTestWAVEContent> writerFor(const fs::path& directory, std::ui
 // stand-ins' list lose its name.
 TEST(KROAudioFileContent, HandlersStillToComeAreHeldByStandIns) {
     const std::vector<std::string> stillToCome = {
-        "KROAudioFileAIFFContent", "KROAudioFileCAFContent",   "KROAudioFileSFILContent",
-        "KROAudioFileAUContent",   "KROAudioFileWAV64Content",
-        "KROAudioFileMP3Content",  "KROAudioFileM4AContent",  "KROAudioFileVorbisContent",
-        "KROAudioFileFLACContent", "KROAudioFileVOXContent",  "KROAudioFileDDPContent",
-        "KROAudioFileSDIIContent",
+        "KROAudioFileAIFFContent", "KROAudioFileCAFContent",    "KROAudioFileSFILContent",
+        "KROAudioFileAUContent",   "KROAudioFileWAV64Content",  "KROAudioFileMP3Content",
+        "KROAudioFileM4AContent",  "KROAudioFileVorbisContent", "KROAudioFileFLACContent",
+        "KROAudioFileVOXContent",  "KROAudioFileDDPContent",    "KROAudioFileSDIIContent",
     };
     std::vector<std::string> standIns;
     for (const auto& handler : KROAudioFileContent::fileContentClasses()) {

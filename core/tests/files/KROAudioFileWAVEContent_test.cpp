@@ -93,9 +93,12 @@ TEST(KROAudioFileWAVEContent, EverySampleFormatRoundTripsBitExact) {
         bool isFloat;
         std::uint16_t tag, bitDepth;
     } cases[] = {
-        {"unsigned 8-bit", "lpcm", 8, false, 1, 8},   {"16-bit", "lpcm", 16, false, 1, 16},
-        {"24-bit", "lpcm", 24, false, 1, 24},         {"32-bit", "lpcm", 32, false, 1, 32},
-        {"float asked as 64", "lpcm", 64, true, 3, 32}, {"mu-law asked as 16", "ulaw", 16, false, 7, 8},
+        {"unsigned 8-bit", "lpcm", 8, false, 1, 8},
+        {"16-bit", "lpcm", 16, false, 1, 16},
+        {"24-bit", "lpcm", 24, false, 1, 24},
+        {"32-bit", "lpcm", 32, false, 1, 32},
+        {"float asked as 64", "lpcm", 64, true, 3, 32},
+        {"mu-law asked as 16", "ulaw", 16, false, 7, 8},
     };
     const auto ramp = rampBuffer(2, 500, 1.0f / 151);
     for (const auto& c : cases) {
@@ -199,11 +202,26 @@ TEST(KROAudioFileWAVEContent, MetadataRoundTrips) {
         {"creationDate", utcDate(2023, 11, 22, 10, 20, 30)},
         {"isrc", "GBAYE2400001"},
     };
-    for (const char* key : {"name", "genre", "keywords", "author", "originalArtist",
-                            "originalMedium", "originalDimensions", "digitizationSource",
-                            "commissionedBy", "sourceSupplier", "engineers", "digitizer", "cropped",
-                            "archivalLocation", "product", "copyright", "softwarePackage",
-                            "comments", "annotation", "subject"}) {
+    for (const char* key : {"name",
+                            "genre",
+                            "keywords",
+                            "author",
+                            "originalArtist",
+                            "originalMedium",
+                            "originalDimensions",
+                            "digitizationSource",
+                            "commissionedBy",
+                            "sourceSupplier",
+                            "engineers",
+                            "digitizer",
+                            "cropped",
+                            "archivalLocation",
+                            "product",
+                            "copyright",
+                            "softwarePackage",
+                            "comments",
+                            "annotation",
+                            "subject"}) {
         written.setObjectForKey(key, std::string("the ") + key);
     }
     KROAudioFileWAVEContent consumer;
@@ -286,10 +304,13 @@ TEST(KROAudioFileWAVEContent, ChunksOfOtherWritersAreReadButNotWritten) {
     file.text("RIFF").le32(0).text("WAVE");
     file.text("fmt ").le32(16).le(1, 2).le(1, 2).le32(8000).le32(16000).le(2, 2).le(16, 2);
     file.text("data").le32(4).fill(4);
-    for (const auto& [type, body] :
-         {std::pair{"cue ", cue.data()}, {"LIST", adtl.data()}, {"regn", regn.data()},
-          {"bext", bext.data()}, {"cart", cartBytes}, {"smpl", smpl.data()},
-          {"strc", strc.data()}}) {
+    for (const auto& [type, body] : {std::pair{"cue ", cue.data()},
+                                     {"LIST", adtl.data()},
+                                     {"regn", regn.data()},
+                                     {"bext", bext.data()},
+                                     {"cart", cartBytes},
+                                     {"smpl", smpl.data()},
+                                     {"strc", strc.data()}}) {
         file.text(type).le32(body.size()).bytes(body).fill(body.size() % 2);
     }
     KROData bytes = file.data();
@@ -303,12 +324,16 @@ TEST(KROAudioFileWAVEContent, ChunksOfOtherWritersAreReadButNotWritten) {
         // In frames at the file's 8 kHz.
         texts.push_back(read->type() + " " + std::to_string(std::llround(read->start() * 8000)) +
                         "+" + std::to_string(std::llround(read->length() * 8000)) + " " +
-                        (read->valueForUndefinedKey("name") ? *read->valueForUndefinedKey("name")->stringValue() : "") +
-                        (read->valueForUndefinedKey("loopType") ? *read->valueForUndefinedKey("loopType")->stringValue() : ""));
+                        (read->valueForUndefinedKey("name")
+                             ? *read->valueForUndefinedKey("name")->stringValue()
+                             : "") +
+                        (read->valueForUndefinedKey("loopType")
+                             ? *read->valueForUndefinedKey("loopType")->stringValue()
+                             : ""));
     }
-    EXPECT_EQ(texts, (std::vector<std::string>{"region 400+800 Old", "marker 800+0 ",
-                                               "marker 1600+0 Kept", "loop 80+80 none",
-                                               "loop 240+80 ", "slice 200+0 "}));
+    EXPECT_EQ(texts,
+              (std::vector<std::string>{"region 400+800 Old", "marker 800+0 ", "marker 1600+0 Kept",
+                                        "loop 80+80 none", "loop 240+80 ", "slice 200+0 "}));
     const KROPropertyList& metadata = content->metadata();
     EXPECT_EQ(*metadata.objectForKey("description")->stringValue(), "Foreign");
     EXPECT_FALSE(metadata.objectForKey("smpteUMID"));
@@ -344,7 +369,12 @@ TEST(KROAudioFileWAVEContent, DamagedFilesFailWithTheirCodesOrReadWhatTheyHold) 
             .data();
     };
     const auto riff = [](const KROData& chunks) {
-        return KROTestBytes().text("RIFF").le32(chunks.size() + 4).text("WAVE").bytes(chunks).data();
+        return KROTestBytes()
+            .text("RIFF")
+            .le32(chunks.size() + 4)
+            .text("WAVE")
+            .bytes(chunks)
+            .data();
     };
     const KROData data = KROTestBytes().text("data").le32(8).fill(8).data();
     const auto join = [](std::initializer_list<KROData> parts) {
@@ -354,12 +384,22 @@ TEST(KROAudioFileWAVEContent, DamagedFilesFailWithTheirCodesOrReadWhatTheyHold) 
         }
         return bytes.data();
     };
-    const KROData lyingCue = KROTestBytes().text("cue ").le32(28).le32(0x7FFFFFFF).le32(1).fill(20).data();
-    const KROData lyingLoops = KROTestBytes().text("smpl").le32(60).fill(28).le32(0x7FFFFFFF).fill(28).data();
-    const KROData lyingSlices = KROTestBytes().text("strc").le32(28).le32(28).le32(0xFFFFFFFF).fill(20).data();
+    const KROData lyingCue =
+        KROTestBytes().text("cue ").le32(28).le32(0x7FFFFFFF).le32(1).fill(20).data();
+    const KROData lyingLoops =
+        KROTestBytes().text("smpl").le32(60).fill(28).le32(0x7FFFFFFF).fill(28).data();
+    const KROData lyingSlices =
+        KROTestBytes().text("strc").le32(28).le32(28).le32(0xFFFFFFFF).fill(20).data();
     const KROData lyingRegions = KROTestBytes().text("regn").le32(8).le(~0ull, 8).data();
-    const KROData lyingList =
-        KROTestBytes().text("LIST").le32(20).text("INFO").text("INAM").le32(0xFFFFFFF0).text("ab").fill(2).data();
+    const KROData lyingList = KROTestBytes()
+                                  .text("LIST")
+                                  .le32(20)
+                                  .text("INFO")
+                                  .text("INAM")
+                                  .le32(0xFFFFFFF0)
+                                  .text("ab")
+                                  .fill(2)
+                                  .data();
     const struct {
         const char* what;
         KROData bytes;
@@ -369,12 +409,14 @@ TEST(KROAudioFileWAVEContent, DamagedFilesFailWithTheirCodesOrReadWhatTheyHold) 
         {"no format chunk", riff(KROTestBytes().text("abcd").le32(4).fill(4).data()), 1, 0},
         {"ADPCM", riff(join({format(2, 1), data})), 2, 0},
         {"no data chunk", riff(format(1, 1)), 3, 0},
-        {"a data size of 0", riff(join({format(1, 1), KROTestBytes().text("data").le32(0).data()})), 3, 0},
+        {"a data size of 0", riff(join({format(1, 1), KROTestBytes().text("data").le32(0).data()})),
+         3, 0},
         {"data cut short by 8 bytes",
          riff(join({format(1, 1), KROTestBytes().text("data").le32(16).fill(8).data()})), 3, 0},
         {"no channels", riff(join({format(1, 0), data})), 5, 0},
         {"counts and sizes that lie",
-         riff(join({format(1, 1), data, lyingCue, lyingLoops, lyingSlices, lyingRegions, lyingList})),
+         riff(join(
+             {format(1, 1), data, lyingCue, lyingLoops, lyingSlices, lyingRegions, lyingList})),
          0, 2},
     };
     for (const auto& c : cases) {
@@ -385,7 +427,8 @@ TEST(KROAudioFileWAVEContent, DamagedFilesFailWithTheirCodesOrReadWhatTheyHold) 
         EXPECT_EQ(error ? error->code() : 0, c.code);
         if (error) {
             EXPECT_EQ(error->className(), "KROAudioFileWAVEContentError");
-            EXPECT_NE(error->description().find("Reading the audio file 'damaged'"), std::string::npos)
+            EXPECT_NE(error->description().find("Reading the audio file 'damaged'"),
+                      std::string::npos)
                 << error->description();
         } else {
             ASSERT_TRUE(content);

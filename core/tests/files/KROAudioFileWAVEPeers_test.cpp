@@ -132,8 +132,8 @@ TEST(KROAudioFileWAVEContent, LibsndfileReadsOurLabelsAndMetadata) {
     EXPECT_EQ(text(broadcast.coding_history, 256), "A=PCM,F=48000,W=24,M=stereo\r\n");
 
     const std::pair<int, const char*> strings[] = {
-        {SF_STR_TITLE, "The take"},          {SF_STR_ARTIST, "The band"},
-        {SF_STR_COMMENT, "Quiet room"},      {SF_STR_COPYRIGHT, "2024 KROCore"},
+        {SF_STR_TITLE, "The take"},     {SF_STR_ARTIST, "The band"},
+        {SF_STR_COMMENT, "Quiet room"}, {SF_STR_COPYRIGHT, "2024 KROCore"},
         {SF_STR_GENRE, "Ambient"},
     };
     for (const auto& [kind, expected] : strings) {
@@ -152,10 +152,10 @@ TEST(KROAudioFileWAVEContent, SndfileInfoSoxiAndFfprobeAgree) {
     writeLabelledFile(path);
     expectLines(peer("sndfile-info " + path.string()),
                 {"bext : 632", "Loop Count   : 1",
-                 "Cue ID :  1  Type :  1  Start :  1920  End :  2880",
-                 "Cue ID :  2  Pos :   480", "Cue ID :  3  Pos :   960", "labl : 2 : Start",
-                 "labl : 3 : Intro", "ltxt : 20", "INAM : The take", "ICMT : Quiet room",
-                 "inst : 7", "Frames      : 4800", "Channels    : 2"});
+                 "Cue ID :  1  Type :  1  Start :  1920  End :  2880", "Cue ID :  2  Pos :   480",
+                 "Cue ID :  3  Pos :   960", "labl : 2 : Start", "labl : 3 : Intro", "ltxt : 20",
+                 "INAM : The take", "ICMT : Quiet room", "inst : 7", "Frames      : 4800",
+                 "Channels    : 2"});
     expectLines(peer("ffprobe -v error -show_entries stream=codec_name,duration_ts:format_tags "
                      "-of default=noprint_wrappers=1 " +
                      path.string()),
@@ -240,8 +240,10 @@ TEST(KROAudioFileWAVEContent, FilesOfFfmpegAndSoxReadHere) {
         std::int64_t code;
         bool isFloat;
     } others[] = {
-        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_mulaw", 0, false},
-        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_f64le", 0, false},
+        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_mulaw", 0,
+         false},
+        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_f64le", 0,
+         false},
         {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_alaw", 2, false},
         {"sox -n -r 8000 -c 3 -e u-law", 0, false},
         {"sox -n -r 8000 -c 2 -e floating-point -b 64", 0, true},
@@ -316,7 +318,8 @@ TEST(KROAudioFileWAVEContent, LibsndfileLabelsAndMetadataReadHere) {
         const KROPropertyList* loopType = read->valueForUndefinedKey("loopType");
         labels.push_back(read->type() + " " + std::to_string(std::llround(read->start() * 44100)) +
                          "+" + std::to_string(std::llround(read->length() * 44100)) + " " +
-                         (name ? name->description() : "") + (loopType ? loopType->description() : ""));
+                         (name ? name->description() : "") +
+                         (loopType ? loopType->description() : ""));
     }
     EXPECT_EQ(labels, (std::vector<std::string>{"marker 441+0 ", "marker 882+0 ",
                                                 "loop 100+199 backward"}));

@@ -45,7 +45,8 @@ inline std::shared_ptr<KROAudioFileWAVEContent> parsedWAVE(const std::filesystem
 // All the frames of a parsed file.
 inline std::shared_ptr<KROAudioBufferList> allAudio(KROAudioFileContent& content) {
     auto buffer = KROAudioBufferList::bufferListWithChannels(
-        static_cast<std::uint32_t>(content.numberOfChannels()), std::max<std::uint64_t>(content.frames(), 1));
+        static_cast<std::uint32_t>(content.numberOfChannels()),
+        std::max<std::uint64_t>(content.frames(), 1));
     EXPECT_TRUE(content.getAudio(*buffer, 0));
     return buffer;
 }

@@ -46,8 +46,8 @@ TEST(KROConvertCommand, KeepsSamplesLabelsAndMetadataInTheFormatAsked) {
         content.metadata().setObjectForKey("comments", "Converted");
     });
     const fs::path output = directory / "out.wav";
-    const KROCommandResult result = kro("convert " + input.string() + " " + output.string() +
-                                        " --format f32");
+    const KROCommandResult result =
+        kro("convert " + input.string() + " " + output.string() + " --format f32");
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, "Wrote " + output.string() +
                                  ": WAVE File, 32-bit float, 2 channels at 48000 Hz, 4800 frames, "
@@ -61,9 +61,9 @@ TEST(KROConvertCommand, KeepsSamplesLabelsAndMetadataInTheFormatAsked) {
 TEST(KROConvertCommand, ShowsProgressOnATerminalOnly) {
     KROTemporaryDirectory directory;
     const fs::path input = directory / "long.wav";
-    ASSERT_EQ(KRORunCommand("sox -n -r 8000 -c 1 -b 8 " + input.string() + " synth 31 sine 300")
-                  .status,
-              0);
+    ASSERT_EQ(
+        KRORunCommand("sox -n -r 8000 -c 1 -b 8 " + input.string() + " synth 31 sine 300").status,
+        0);
     const std::string convert =
         KRO_TOOL " convert " + input.string() + " " + (directory / "copy.wav").string();
     const KROCommandResult terminal =

@@ -46,12 +46,12 @@ TEST(KROInfoCommand, ShowsFormatLengthLabelsAndMetadata) {
                                   "  Metadata: 2\n"
                                   "    description = Desk\n"
                                   "    name = Title\n");
-    const KROCommandResult json =
-        kro("info --json " + path +
-            " | /usr/bin/python3 -c 'import json, sys; d = json.load(sys.stdin); "
-            "print(d[\"format\"], d[\"bitDepth\"], d[\"channels\"], d[\"frames\"], d[\"duration\"], "
-            "[(l[\"type\"], l[\"length\"], l[\"metadata\"][\"name\"]) for l in d[\"labels\"]], "
-            "d[\"metadata\"][\"description\"])'");
+    const KROCommandResult json = kro(
+        "info --json " + path +
+        " | /usr/bin/python3 -c 'import json, sys; d = json.load(sys.stdin); "
+        "print(d[\"format\"], d[\"bitDepth\"], d[\"channels\"], d[\"frames\"], d[\"duration\"], "
+        "[(l[\"type\"], l[\"length\"], l[\"metadata\"][\"name\"]) for l in d[\"labels\"]], "
+        "d[\"metadata\"][\"description\"])'");
     EXPECT_EQ(json.output,
               "WAVE File 16 2 480 0.01 [('marker', 0, 'Hit'), ('region', 0.003, 'Span')] Desk\n");
 }
@@ -59,13 +59,13 @@ TEST(KROInfoCommand, ShowsFormatLengthLabelsAndMetadata) {
 TEST(KROInfoCommand, FilesThatDoNotReadAreAClearMessageAndExit1) {
     KROTemporaryDirectory directory;
     KROWriteTestFile(directory / "notes.txt", KROTestBytes().text("just words").data());
-    KROWriteTestFile(directory / "broken.wav", KROTestBytes().text("RIFF").le32(4).text("WAVE").data());
+    KROWriteTestFile(directory / "broken.wav",
+                     KROTestBytes().text("RIFF").le32(4).text("WAVE").data());
     const std::pair<std::string, std::string> cases[] = {
         {(directory / "missing.wav").string(),
          "kro: \"" + (directory / "missing.wav").string() + "\" is not a file.\n"},
-        {(directory / "notes.txt").string(),
-         "kro: \"" + (directory / "notes.txt").string() +
-             "\" is in no audio file format that kro reads.\n"},
+        {(directory / "notes.txt").string(), "kro: \"" + (directory / "notes.txt").string() +
+                                                 "\" is in no audio file format that kro reads.\n"},
         {(directory / "broken.wav").string(),
          "kro: Reading the audio file 'broken' failed because an error occurred (code 1).\n"},
     };

@@ -29,9 +29,8 @@ constexpr std::array<const char*, 8> broadcastKeys = {
     "originationTime", "timeReference", "smpteUMID",           "codingHistory"};
 constexpr std::array<const char*, 7> instrumentKeys = {
     "baseNote", "detune", "gain", "lowNote", "highNote", "lowVelocity", "highVelocity"};
-constexpr std::array<const char*, 6> acidKeys = {"playbackType",  "musicalKey",
-                                                 "beats",         "meterNumerator",
-                                                 "meterDenominator", "tempo"};
+constexpr std::array<const char*, 6> acidKeys = {"playbackType",   "musicalKey",       "beats",
+                                                 "meterNumerator", "meterDenominator", "tempo"};
 constexpr std::array<const char*, 12> musicalKeys = {"C",  "C#", "D",  "Eb", "E",  "F",
                                                      "F#", "G",  "Ab", "A",  "Bb", "B"};
 
@@ -155,7 +154,7 @@ template <typename Integer> Integer saturated(double value) {
     if (std::isnan(value)) {
         return 0;
     }
-    return value <= low ? std::numeric_limits<Integer>::min()
+    return value <= low    ? std::numeric_limits<Integer>::min()
            : value >= high ? std::numeric_limits<Integer>::max()
                            : static_cast<Integer>(value);
 }
@@ -554,8 +553,9 @@ void KROAudioFileWAVEContent::readEBUChunk(const KROAudioFileChunk& chunk) {
 
 void KROAudioFileWAVEContent::readInfoList(const KROAudioFileChunk& list) {
     forEachSubchunk(list, [&](std::uint32_t code, std::uint64_t offset) {
-        const auto entry = std::find_if(infoEntries.begin(), infoEntries.end(),
-                                        [code](const InfoEntry& info) { return info.code == code; });
+        const auto entry =
+            std::find_if(infoEntries.begin(), infoEntries.end(),
+                         [code](const InfoEntry& info) { return info.code == code; });
         if (entry == infoEntries.end()) {
             return;
         }
@@ -591,11 +591,10 @@ bool KROAudioFileWAVEContent::beginWrite(KROErrorPtr* error) {
     chunk.appendFourCharCode(fourCC("RIFF"));
     chunk.appendInt(0);
     chunk.appendFourCharCode(fourCC("WAVE"));
-    const bool written =
-        chunk.appendToFile(error) && writeBroadcastChunk(chunk, error) &&
-        writeFormatChunk(chunk, error) && writeSamplerChunk(chunk, error) &&
-        writeInstrumentChunk(chunk, error) && writeCueChunks(chunk, error) &&
-        writeInfoList(chunk, error) && writeEBUChunk(chunk, error);
+    const bool written = chunk.appendToFile(error) && writeBroadcastChunk(chunk, error) &&
+                         writeFormatChunk(chunk, error) && writeSamplerChunk(chunk, error) &&
+                         writeInstrumentChunk(chunk, error) && writeCueChunks(chunk, error) &&
+                         writeInfoList(chunk, error) && writeEBUChunk(chunk, error);
     if (!written) {
         return false;
     }
@@ -625,7 +624,8 @@ bool KROAudioFileWAVEContent::endWrite(KROErrorPtr* error) {
     chunk.setByteOrder(KROAudioFileChunk::littleEndian);
     chunk.setByteCountMultiple(2);
     std::uint64_t end = 0;
-    bool done = fileWriter_->flush(error) && fileWriter_->setPosition(dataChunkSizePosition_, error) &&
+    bool done = fileWriter_->flush(error) &&
+                fileWriter_->setPosition(dataChunkSizePosition_, error) &&
                 fileWriter_->writeIntValue(static_cast<std::int32_t>(bytes), error) &&
                 writeAcidChunk(chunk, error) && writeSliceChunk(chunk, error) &&
                 fileWriter_->setPositionToEnd(error) && fileWriter_->getPosition(end, error);
@@ -678,8 +678,8 @@ bool KROAudioFileWAVEContent::writeBroadcastChunk(KROAudioFileChunk& chunk, KROE
     const KROPropertyList* umid = values.objectForKey("smpteUMID");
     KROData umidBytes(64, 0);
     if (umid && umid->dataValue()) {
-        std::copy_n(umid->dataValue()->begin(), std::min<std::size_t>(umid->dataValue()->size(), 64),
-                    umidBytes.begin());
+        std::copy_n(umid->dataValue()->begin(),
+                    std::min<std::size_t>(umid->dataValue()->size(), 64), umidBytes.begin());
     }
     chunk.appendShort(umid ? 1 : 0);
     chunk.appendData(umidBytes);
@@ -751,7 +751,8 @@ bool KROAudioFileWAVEContent::writeInstrumentChunk(KROAudioFileChunk& chunk, KRO
     chunk.setType(fourCC("inst"));
     for (const char* key : instrumentKeys) {
         const KROPropertyList* value = metadata().objectForKey(key);
-        chunk.appendByte(static_cast<std::uint8_t>(value ? saturated<std::int64_t>(value->doubleValue()) : 0));
+        chunk.appendByte(
+            static_cast<std::uint8_t>(value ? saturated<std::int64_t>(value->doubleValue()) : 0));
     }
     if (!chunk.appendToFile(error)) {
         return false;
@@ -771,8 +772,9 @@ bool KROAudioFileWAVEContent::writeCueChunks(KROAudioFileChunk& chunk, KROErrorP
             }
         }
     }
-    const auto loops = static_cast<std::int32_t>(std::count_if(
-        labels().begin(), labels().end(), [](const auto& label) { return label->type() == "loop"; }));
+    const auto loops = static_cast<std::int32_t>(
+        std::count_if(labels().begin(), labels().end(),
+                      [](const auto& label) { return label->type() == "loop"; }));
     if (points.empty()) {
         return true;
     }
@@ -879,7 +881,8 @@ bool KROAudioFileWAVEContent::writeAcidChunk(KROAudioFileChunk& chunk, KROErrorP
         return value(key) ? value(key)->doubleValue(fallback) : fallback;
     };
     const KROPropertyList* playback = value("playbackType");
-    const bool oneShot = playback && playback->stringValue() && *playback->stringValue() == "oneShot";
+    const bool oneShot =
+        playback && playback->stringValue() && *playback->stringValue() == "oneShot";
     const KROPropertyList* key = value("musicalKey");
     const std::string* keyName = key ? key->stringValue() : nullptr;
     const auto keyIndex =
@@ -917,7 +920,8 @@ bool KROAudioFileWAVEContent::writeSliceChunk(KROAudioFileChunk& chunk, KROError
     std::stable_sort(slices.begin(), slices.end());
     chunk.reset();
     chunk.setType(fourCC("strc"));
-    for (const std::int32_t value : {28, static_cast<std::int32_t>(slices.size()), 65, 5, 1, 0, 0}) {
+    for (const std::int32_t value :
+         {28, static_cast<std::int32_t>(slices.size()), 65, 5, 1, 0, 0}) {
         chunk.appendInt(value);
     }
     for (std::size_t index = 0; index < slices.size(); ++index) {
