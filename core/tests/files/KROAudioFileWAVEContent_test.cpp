@@ -3,54 +3,12 @@
 // metadata written and read back, chunks of other writers, and damaged files.
 #include <gtest/gtest.h>
 
-#include <cmath>
-
 #include "KROAudioTestSupport.h"
 #include "KROStringHelpers.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-KRODate utcDate(int year, int month, int day, int hour = 0, int minute = 0, int second = 0) {
-    std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
-    return std::chrono::system_clock::from_time_t(::timegm(&parts));
-}
-
-// "type start+length key=value ...", times in frames at 48 kHz.
-std::string labelText(const KROAudioLabel& label) {
-    std::string text = label.type() + " " + std::to_string(std::llround(label.location() * 48000)) +
-                       "+" + std::to_string(std::llround(label.length() * 48000));
-    for (const auto& item : label.metadata()) {
-        text += " " + item->key() + "=" + (item->value() ? item->value()->description() : "");
-    }
-    return text;
-}
-
-std::vector<std::string> labelTexts(const KROAudioFileContent& content) {
-    std::vector<std::string> texts;
-    for (const auto& label : content.labels()) {
-        texts.push_back(labelText(*label));
-    }
-    return texts;
-}
-
-std::shared_ptr<KROAudioLabel> label(const char* type, double start, double length,
-                                     std::vector<std::pair<const char*, const char*>> items = {}) {
-    auto made = KROAudioLabel::labelOfType(type);
-    made->setLocation(start);
-    made->setLength(length);
-    for (const auto& [key, value] : items) {
-        made->setValueForUndefinedKey(KROPropertyList(value), key);
-    }
-    return made;
-}
 
 bool contains(const KROData& bytes, std::string_view text) {
     return std::search(bytes.begin(), bytes.end(), text.begin(), text.end()) != bytes.end();
@@ -137,28 +95,32 @@ TEST(KROAudioFileWAVEContent, LabelsRoundTrip) {
     const auto buffer = KROAudioBufferList::bufferListWithChannels(1, 480);
     writeWAVE(directory / "labels.wav", *buffer, [](KROAudioFileWAVEContent& content) {
         content.labels() = {
-            label("marker", 0.5, 0, {{"name", "Verse"}}),
-            label("region", 1.0, 0.25, {{"name", "Chorus"}}),
-            label("marker", 0, 0),
-            label("loop", 0.1, 0.1, {{"loopType", "forwardBackward"}}),
-            label("loop", 0.3, 0.1, {{"loopType", "backward"}}),
-            label("loop", 0.5, 0.1),
-            label("slice", 0.75, 0),
-            label("slice", 0.25, 0),
+            testLabel("marker", 0.5, 0, {{"name", "Verse"}}),
+            testLabel("region", 1.0, 0.25, {{"name", "Chorus"}}),
+            testLabel("marker", 0, 0),
+            testLabel("loop", 0.1, 0.1, {{"loopType", "forwardBackward"}}),
+            testLabel("loop", 0.3, 0.1, {{"loopType", "backward"}}),
+            testLabel("loop", 0.5, 0.1),
+            testLabel("slice", 0.75, 0),
+            testLabel("slice", 0.25, 0),
         };
     });
+    // A name's size counts its terminator and the pad byte after it.
+    EXPECT_TRUE(
+        contains(KROReadTestFile(directory / "labels.wav"), "labl\x0c\0\0\0\x06\0\0\0Chorus\0\0"));
     const auto content = parsedWAVE(directory / "labels.wav");
     ASSERT_TRUE(content);
-    EXPECT_EQ(labelTexts(*content), (std::vector<std::string>{
-                                        "marker 24000+0 id=4 name=Verse",
-                                        "marker 0+0 id=5",
-                                        "region 48000+12000 name=Chorus",
-                                        "loop 4800+4800 loopType=forwardBackward loopPhase=sustain",
-                                        "loop 14400+4800 loopType=backward loopPhase=sustain",
-                                        "loop 24000+4800 loopType=forward loopPhase=sustain",
-                                        "slice 12000+0",
-                                        "slice 36000+0",
-                                    }));
+    EXPECT_EQ(labelTexts(*content, 48000),
+              (std::vector<std::string>{
+                  "marker 24000+0 id=4 name=Verse",
+                  "marker 0+0 id=5",
+                  "region 48000+12000 name=Chorus",
+                  "loop 4800+4800 loopType=forwardBackward loopPhase=sustain",
+                  "loop 14400+4800 loopType=backward loopPhase=sustain",
+                  "loop 24000+4800 loopType=forward loopPhase=sustain",
+                  "slice 12000+0",
+                  "slice 36000+0",
+              }));
     // Slices bring the tempo chunk with its defaults.
     EXPECT_EQ(content->metadata().objectForKey("tempo")->doubleValue(), 120.0);
 }
@@ -243,11 +205,7 @@ TEST(KROAudioFileWAVEContent, MetadataRoundTrips) {
     KROPropertyList expected = written;
     expected.setObjectForKey("codingHistory", history.substr(0, 256));
     EXPECT_EQ(content->metadata().count(), expected.count());
-    for (const std::string& key : expected.allKeys()) {
-        const KROPropertyList* value = content->metadata().objectForKey(key);
-        EXPECT_TRUE(value && *value == *expected.objectForKey(key))
-            << key << ": " << (value ? value->description() : "none");
-    }
+    expectMetadata(*content, expected);
 }
 
 // A one-shot loses its beats, a file with no key reads with none, and a
@@ -319,21 +277,11 @@ TEST(KROAudioFileWAVEContent, ChunksOfOtherWritersAreReadButNotWritten) {
 
     const auto content = parsedWAVE(directory / "foreign.wav");
     ASSERT_TRUE(content);
-    std::vector<std::string> texts;
-    for (const auto& read : content->labels()) {
-        // In frames at the file's 8 kHz.
-        texts.push_back(read->type() + " " + std::to_string(std::llround(read->start() * 8000)) +
-                        "+" + std::to_string(std::llround(read->length() * 8000)) + " " +
-                        (read->valueForUndefinedKey("name")
-                             ? *read->valueForUndefinedKey("name")->stringValue()
-                             : "") +
-                        (read->valueForUndefinedKey("loopType")
-                             ? *read->valueForUndefinedKey("loopType")->stringValue()
-                             : ""));
-    }
-    EXPECT_EQ(texts,
-              (std::vector<std::string>{"region 400+800 Old", "marker 800+0 ", "marker 1600+0 Kept",
-                                        "loop 80+80 none", "loop 240+80 ", "slice 200+0 "}));
+    EXPECT_EQ(labelTexts(*content, 8000),
+              (std::vector<std::string>{"region 400+800 name=Old", "marker 800+0 id=1",
+                                        "marker 1600+0 id=2 name=Kept",
+                                        "loop 80+80 loopType=none loopPhase=sustain",
+                                        "loop 240+80 loopPhase=sustain", "slice 200+0"}));
     const KROPropertyList& metadata = content->metadata();
     EXPECT_EQ(*metadata.objectForKey("description")->stringValue(), "Foreign");
     EXPECT_FALSE(metadata.objectForKey("smpteUMID"));

@@ -4,7 +4,6 @@
 // and metadata alike.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 
 #include "KROAudioTestSupport.h"
@@ -15,37 +14,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-KRODate utcDate(int year, int month, int day, int hour = 0, int minute = 0, int second = 0) {
-    std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
-    return std::chrono::system_clock::from_time_t(::timegm(&parts));
-}
-
-std::shared_ptr<KROAudioLabel> label(const char* type, double start, double length,
-                                     const char* name = nullptr) {
-    auto made = KROAudioLabel::labelOfType(type);
-    made->setLocation(start);
-    made->setLength(length);
-    if (name) {
-        made->setValueForUndefinedKey(KROPropertyList(name), "name");
-    }
-    return made;
-}
-
 // Stereo 24-bit at 48 kHz, 4800 frames, a marker, a region and a
 // ping-pong loop, broadcast, instrument and INFO metadata.
 void writeLabelledFile(const fs::path& path) {
     writeWAVE(path, *rampBuffer(2, 4800, 1.0f / 128), [](KROAudioFileWAVEContent& content) {
         content.setBitDepth(24);
-        auto loop = label("loop", 0.04, 0.02);
-        loop->setValueForUndefinedKey(KROPropertyList("forwardBackward"), "loopType");
-        content.labels() = {label("marker", 0.01, 0, "Start"), label("region", 0.02, 0.03, "Intro"),
-                            loop};
+        content.labels() = {testLabel("marker", 0.01, 0, {{"name", "Start"}}),
+                            testLabel("region", 0.02, 0.03, {{"name", "Intro"}}),
+                            testLabel("loop", 0.04, 0.02, {{"loopType", "forwardBackward"}})};
         content.metadata() = KROPropertyList::Dictionary{
             {"description", "Room tone"},
             {"originator", "KROCore"},
@@ -216,21 +192,17 @@ TEST(KROAudioFileWAVEContent, FilesOfFfmpegAndSoxReadHere) {
     ASSERT_TRUE(content);
     EXPECT_EQ(content->frames(), 4800u);
     EXPECT_EQ(samplesOf(*allAudio(*content)), libsndfileSamples(bwf));
-    const std::pair<const char*, KROPropertyList> fields[] = {
-        {"description", "From ffmpeg"},
-        {"originator", "ffmpeg"},
-        {"originatorReference", "FF-7"},
-        {"originationDate", utcDate(2024, 1, 2)},
-        {"originationTime", utcDate(2000, 1, 1, 3, 4, 5)},
-        {"timeReference", 2.0},
-        {"name", "ff title"},
-        {"originalArtist", "ff artist"},
-        {"comments", "ff note"},
-    };
-    for (const auto& [key, value] : fields) {
-        const KROPropertyList* read = content->metadata().objectForKey(key);
-        EXPECT_TRUE(read && *read == value) << key << ": " << (read ? read->description() : "none");
-    }
+    expectMetadata(*content, KROPropertyList::Dictionary{
+                                 {"description", "From ffmpeg"},
+                                 {"originator", "ffmpeg"},
+                                 {"originatorReference", "FF-7"},
+                                 {"originationDate", utcDate(2024, 1, 2)},
+                                 {"originationTime", utcDate(2000, 1, 1, 3, 4, 5)},
+                                 {"timeReference", 2.0},
+                                 {"name", "ff title"},
+                                 {"originalArtist", "ff artist"},
+                                 {"comments", "ff note"},
+                             });
     const KROPropertyList* history = content->metadata().objectForKey("codingHistory");
     ASSERT_TRUE(history && history->stringValue());
     EXPECT_EQ(history->stringValue()->rfind("A=PCM", 0), 0u);
@@ -312,31 +284,19 @@ TEST(KROAudioFileWAVEContent, LibsndfileLabelsAndMetadataReadHere) {
     const auto content = parsedWAVE(path);
     ASSERT_TRUE(content);
     EXPECT_EQ(samplesOf(*allAudio(*content)), libsndfileSamples(path));
-    std::vector<std::string> labels;
-    for (const auto& read : content->labels()) {
-        const KROPropertyList* name = read->valueForUndefinedKey("name");
-        const KROPropertyList* loopType = read->valueForUndefinedKey("loopType");
-        labels.push_back(read->type() + " " + std::to_string(std::llround(read->start() * 44100)) +
-                         "+" + std::to_string(std::llround(read->length() * 44100)) + " " +
-                         (name ? name->description() : "") +
-                         (loopType ? loopType->description() : ""));
-    }
-    EXPECT_EQ(labels, (std::vector<std::string>{"marker 441+0 ", "marker 882+0 ",
-                                                "loop 100+199 backward"}));
-    const std::pair<const char*, KROPropertyList> fields[] = {
-        {"description", "From libsndfile"},
-        {"originator", "libsndfile"},
-        {"originationDate", utcDate(2023, 6, 7)},
-        {"originationTime", utcDate(2000, 1, 1, 8, 9, 10)},
-        {"timeReference", 3.0},
-        {"title", "Cart title"},
-        {"artist", "Cart artist"},
-        {"name", "Titled"},
-    };
-    for (const auto& [key, value] : fields) {
-        const KROPropertyList* read = content->metadata().objectForKey(key);
-        EXPECT_TRUE(read && *read == value) << key << ": " << (read ? read->description() : "none");
-    }
+    EXPECT_EQ(labelTexts(*content, 44100),
+              (std::vector<std::string>{"marker 441+0 id=1", "marker 882+0 id=2",
+                                        "loop 100+199 loopType=backward loopPhase=sustain"}));
+    expectMetadata(*content, KROPropertyList::Dictionary{
+                                 {"description", "From libsndfile"},
+                                 {"originator", "libsndfile"},
+                                 {"originationDate", utcDate(2023, 6, 7)},
+                                 {"originationTime", utcDate(2000, 1, 1, 8, 9, 10)},
+                                 {"timeReference", 3.0},
+                                 {"title", "Cart title"},
+                                 {"artist", "Cart artist"},
+                                 {"name", "Titled"},
+                             });
     // 8192 of 32768 at 16 bits: a quarter of full scale.
     EXPECT_NEAR(content->metadata().objectForKey("levelReference")->doubleValue(), -12.0412, 1e-4);
 }

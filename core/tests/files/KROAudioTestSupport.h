@@ -4,12 +4,63 @@
 
 #include <sndfile.h>
 
+#include <cmath>
+#include <ctime>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "KROAudioFileWAVEContent.h"
 #include "KROFileTestSupport.h"
+
+inline KRODate utcDate(int year, int month, int day, int hour = 0, int minute = 0, int second = 0) {
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    return std::chrono::system_clock::from_time_t(::timegm(&parts));
+}
+
+// A label with text items: testLabel("marker", 0.5, 0, {{"name", "Verse"}}).
+inline std::shared_ptr<KROAudioLabel>
+testLabel(const char* type, double start, double length,
+          std::vector<std::pair<const char*, const char*>> items = {}) {
+    auto made = KROAudioLabel::labelOfType(type);
+    made->setLocation(start);
+    made->setLength(length);
+    for (const auto& [key, value] : items) {
+        made->setValueForUndefinedKey(KROPropertyList(value), key);
+    }
+    return made;
+}
+
+// Each label as "type start+length key=value ...", times in frames at the rate.
+inline std::vector<std::string> labelTexts(const KROAudioFileContent& content, double rate) {
+    std::vector<std::string> texts;
+    for (const auto& label : content.labels()) {
+        std::string text = label->type() + " " +
+                           std::to_string(std::llround(label->location() * rate)) + "+" +
+                           std::to_string(std::llround(label->length() * rate));
+        for (const auto& item : label->metadata()) {
+            text += " " + item->key() + "=" + (item->value() ? item->value()->description() : "");
+        }
+        texts.push_back(text);
+    }
+    return texts;
+}
+
+// Each key of expected has its value in the file's metadata.
+inline void expectMetadata(const KROAudioFileContent& content, const KROPropertyList& expected) {
+    for (const std::string& key : expected.allKeys()) {
+        const KROPropertyList* value = content.metadata().objectForKey(key);
+        EXPECT_TRUE(value && *value == *expected.objectForKey(key))
+            << key << ": " << (value ? value->description() : "none");
+    }
+}
 
 // Interleaved, as a file holds them.
 inline std::vector<float> samplesOf(const KROAudioBufferList& buffer) {

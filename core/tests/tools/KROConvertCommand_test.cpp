@@ -33,14 +33,8 @@ TEST(KROConvertCommand, KeepsSamplesLabelsAndMetadataInTheFormatAsked) {
     const fs::path input = directory / "in.wav";
     writeWAVE(input, *rampBuffer(2, 4800, 1.0f / 128), [](KROAudioFileWAVEContent& content) {
         content.setBitDepth(24);
-        auto region = KROAudioLabel::labelOfType("region");
-        region->setLocation(0.01);
-        region->setLength(0.02);
-        region->setValueForUndefinedKey(KROPropertyList("Chorus"), "name");
-        auto loop = KROAudioLabel::labelOfType("loop");
-        loop->setLocation(0.03);
-        loop->setLength(0.01);
-        content.labels() = {region, loop};
+        content.labels() = {testLabel("region", 0.01, 0.02, {{"name", "Chorus"}}),
+                            testLabel("loop", 0.03, 0.01)};
         content.metadata().setObjectForKey("originator", "KROCore");
         content.metadata().setObjectForKey("tempo", 96.0);
         content.metadata().setObjectForKey("comments", "Converted");

@@ -16,14 +16,8 @@ KROCommandResult kro(const std::string& arguments) {
 void writeLabelledFile(const std::filesystem::path& path) {
     writeWAVE(path, *KROAudioBufferList::bufferListWithChannels(2, 480),
               [](KROAudioFileWAVEContent& content) {
-                  auto marker = KROAudioLabel::labelOfType("marker");
-                  marker->setLocation(0.001);
-                  marker->setValueForUndefinedKey(KROPropertyList("Hit"), "name");
-                  auto region = KROAudioLabel::labelOfType("region");
-                  region->setLocation(0.002);
-                  region->setLength(0.003);
-                  region->setValueForUndefinedKey(KROPropertyList("Span"), "name");
-                  content.labels() = {marker, region};
+                  content.labels() = {testLabel("marker", 0.001, 0, {{"name", "Hit"}}),
+                                      testLabel("region", 0.002, 0.003, {{"name", "Span"}})};
                   content.metadata().setObjectForKey("name", "Title");
                   content.metadata().setObjectForKey("description", "Desk");
               });
