@@ -57,7 +57,9 @@
 #include "KROURLExtension.h"
 
 // Signal processors and vector routines
+#include "KRODynamicsAudioProcessor.h"
 #include "KROG711.h"
+#include "KROLUMeterAudioProcessor.h"
 #include "KROLevelMeterAudioProcessor.h"
 #include "KROLinearPCMConverter.h"
 #include "KROMusicalNote.h"
@@ -67,6 +69,8 @@
 #include "KROSineWaveAudioGenerator.h"
 #include "KROSineWaveSynthAudioGenerator.h"
 #include "KROVectorOps.h"
+#include "kx_dsp_gdp.h"
+#include "kx_log.h"
 
 // Platform audio
 #include "KROAudioDevice.h"

@@ -32,16 +32,23 @@ template <typename Processor> struct KROInPlaceProcessor {
 
     bool initialize() { return processor->initializeForRender(); }
 
-    // Renders the frames from start of each channel's samples (the same
-    // samples for every channel when only one is given) and gives back the
-    // rendered block.
+    // Renders the frames from start of each channel's samples (the last
+    // channel given standing for the rest) and gives back the rendered block.
     const KROAudioBufferList&
     render(std::initializer_list<std::reference_wrapper<const std::vector<float>>> channels,
            std::size_t start, std::uint64_t frames) {
+        return render(channels.begin(), channels.size(), start, frames);
+    }
+    const KROAudioBufferList& render(const std::vector<std::vector<float>>& channels,
+                                     std::size_t start, std::uint64_t frames) {
+        return render(channels.data(), channels.size(), start, frames);
+    }
+    template <typename Channel>
+    const KROAudioBufferList& render(const Channel* channels, std::size_t count, std::size_t start,
+                                     std::uint64_t frames) {
         buffer->setFrames(frames);
         for (std::uint32_t channel = 0; channel < buffer->numberOfChannels(); ++channel) {
-            const std::vector<float>& source =
-                channels.begin()[std::min<std::size_t>(channel, channels.size() - 1)];
+            const std::vector<float>& source = channels[std::min<std::size_t>(channel, count - 1)];
             float* samples = buffer->channel(channel);
             for (std::uint64_t frame = 0; frame < frames; ++frame) {
                 samples[frame] = start + frame < source.size() ? source[start + frame] : 0.0f;
