@@ -5,6 +5,7 @@
 
 #include "DevicesCommand.h"
 #include "KROCore.h"
+#include "LoudnessCommand.h"
 #include "PlayCommand.h"
 
 namespace {
@@ -45,6 +46,7 @@ int main(int argc, char** argv) {
     classes->footer("Example:\n  kro classes --json");
     app.footer("Run `kro COMMAND --help` for what a command does, its options and an example.");
     DevicesCommand devices(app);
+    LoudnessCommand loudness(app);
     PlayCommand play(app);
 
     CLI11_PARSE(app, argc, argv);
@@ -57,6 +59,9 @@ int main(int argc, char** argv) {
     }
     if (play.parsed()) {
         return play.run();
+    }
+    if (loudness.parsed()) {
+        return loudness.run();
     }
     std::cout << app.help();
     return 0;
