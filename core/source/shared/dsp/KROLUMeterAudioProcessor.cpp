@@ -28,29 +28,46 @@ constexpr float absoluteGate = -70.0f;
 constexpr double relativeGate = 10.0;
 // LU are counted from -23 LUFS.
 constexpr float referenceLoudness = 23.0f;
-// The K-weighted samples are kept within 2^32 (+192 dB), so that their squares
-// and sums stay finite whatever arrives.
-constexpr double filteredLimit = 4294967296.0;
-// A filter's output this small is taken as silence, so that a tail decaying
-// into silence never reaches the slow subnormal numbers.
+// Samples are taken as at most 2^32 (+192 dBFS), so that the weighted
+// samples, their squares and their sums stay finite whatever arrives.
+constexpr float inputLimit = 4294967296.0f;
+// A filter memory this small is set to zero after each block, so that a tail
+// decaying into silence does not go on into the slow subnormal numbers.
 constexpr float silenceBelow = 1e-30f;
 
-// One sample through one biquad whose memories are floats: the sum in
-// double, the result rounded to float.
-inline float biquad(const KROLUMeterAudioProcessor::Coefficients& c, float x, float& x1, float& x2,
-                    float& y1, float& y2) {
-    double y = c[0] * double(x) + c[1] * double(x1) + c[2] * double(x2) - c[3] * double(y1) -
-               c[4] * double(y2);
-    y = std::clamp(y, -filteredLimit, filteredLimit);
-    float result = static_cast<float>(y);
-    if (std::fabs(result) < silenceBelow) {
-        result = 0.0f;
-    }
-    x2 = x1;
-    x1 = x;
-    y2 = y1;
-    y1 = result;
+using Coefficients = KROLUMeterAudioProcessor::Coefficients;
+
+// The memories of both biquads of one channel: x[n-1], x[n-2], y[n-1],
+// y[n-2] of each, as floats.
+struct Memories {
+    float a[4];
+    float b[4];
+};
+
+// One sample through one biquad: the sum in double on the float memories,
+// the result rounded to float.
+inline float biquad(const Coefficients& c, float x, float* m) {
+    const double y = c[0] * double(x) + c[1] * double(m[0]) + c[2] * double(m[1]) -
+                     c[3] * double(m[2]) - c[4] * double(m[3]);
+    const auto result = static_cast<float>(y);
+    m[1] = m[0];
+    m[0] = x;
+    m[3] = m[2];
+    m[2] = result;
     return result;
+}
+
+// Both biquads over N channels in step, so that the processor overlaps their
+// recursions.
+template <int N>
+void weigh(float* const* samples, Memories* memories, const Coefficients& shelf,
+           const Coefficients& highPass, std::uint64_t frames) {
+    for (std::uint64_t frame = 0; frame < frames; ++frame) {
+        for (int k = 0; k < N; ++k) {
+            const float shelved = biquad(shelf, samples[k][frame], memories[k].a);
+            samples[k][frame] = biquad(highPass, shelved, memories[k].b);
+        }
+    }
 }
 
 } // namespace
@@ -265,25 +282,43 @@ void KROLUMeterAudioProcessor::filterBlock(const KROAudioBufferList& buffer, std
     for (std::uint32_t channel = 0; channel < channels; ++channel) {
         float* const out = filteredBuffer_->channel(channel);
         const float* const in = buffer.channel(channel);
-        if (!in) {
-            kro_vclr(out, frames);
-            continue;
-        }
-        float* const xa = xa_->channel(channel);
-        float* const ya = ya_->channel(channel);
-        float* const xb = xb_->channel(channel);
-        float* const yb = yb_->channel(channel);
-        float xa1 = xa[0], xa2 = xa[1], ya1 = ya[0], ya2 = ya[1];
-        float xb1 = xb[0], xb2 = xb[1], yb1 = yb[0], yb2 = yb[1];
         for (std::uint64_t frame = 0; frame < frames; ++frame) {
             // A sample that is not a finite number is measured as silence, so
             // that it cannot stay in the filters until a reset.
-            const float sample = std::isfinite(in[frame]) ? in[frame] : 0.0f;
-            const float shelved = biquad(preFilter_, sample, xa1, xa2, ya1, ya2);
-            out[frame] = biquad(rlbFilter_, shelved, xb1, xb2, yb1, yb2);
+            const float sample = in ? in[frame] : 0.0f;
+            out[frame] = std::isfinite(sample) ? std::clamp(sample, -inputLimit, inputLimit) : 0.0f;
         }
-        xa[0] = xa1, xa[1] = xa2, ya[0] = ya1, ya[1] = ya2;
-        xb[0] = xb1, xb[1] = xb2, yb[0] = yb1, yb[1] = yb2;
+    }
+    for (std::uint32_t first = 0; first < channels; first += 2) {
+        const int count = first + 1 < channels ? 2 : 1;
+        float* samples[2] = {};
+        Memories memories[2] = {};
+        float* stored[2][4] = {};
+        for (int k = 0; k < count; ++k) {
+            const std::uint32_t channel = first + std::uint32_t(k);
+            samples[k] = filteredBuffer_->channel(channel);
+            stored[k][0] = xa_->channel(channel);
+            stored[k][1] = ya_->channel(channel);
+            stored[k][2] = xb_->channel(channel);
+            stored[k][3] = yb_->channel(channel);
+            memories[k] = {{stored[k][0][0], stored[k][0][1], stored[k][1][0], stored[k][1][1]},
+                           {stored[k][2][0], stored[k][2][1], stored[k][3][0], stored[k][3][1]}};
+        }
+        if (count == 2) {
+            weigh<2>(samples, memories, preFilter_, rlbFilter_, frames);
+        } else {
+            weigh<1>(samples, memories, preFilter_, rlbFilter_, frames);
+        }
+        for (int k = 0; k < count; ++k) {
+            const float* const values[4] = {memories[k].a, memories[k].a + 2, memories[k].b,
+                                            memories[k].b + 2};
+            for (int list = 0; list < 4; ++list) {
+                for (int i = 0; i < 2; ++i) {
+                    const float value = values[list][i];
+                    stored[k][list][i] = std::fabs(value) < silenceBelow ? 0.0f : value;
+                }
+            }
+        }
     }
 }
 
@@ -390,11 +425,17 @@ void KROLUMeterAudioProcessor::gate(float loudness, const std::array<float, slot
 
     KROAudioBufferList& kept = *relativeThresholdBuffer_;
     const float* const blockLoudness = ring.channel(0);
+    std::array<const float*, slots> from{};
+    std::array<float*, slots> to{};
+    for (std::uint32_t slot = 0; slot < slots; ++slot) {
+        from[slot] = ring.channel(slot + 1);
+        to[slot] = kept.channel(slot);
+    }
     std::uint64_t keptCount = 0;
     for (std::uint64_t block = 0; block < count; ++block) {
         if (blockLoudness[block] >= threshold) {
             for (std::uint32_t slot = 0; slot < slots; ++slot) {
-                kept.channel(slot)[keptCount] = ring.channel(slot + 1)[block];
+                to[slot][keptCount] = from[slot][block];
             }
             ++keptCount;
         }
