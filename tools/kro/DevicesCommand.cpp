@@ -1,37 +1,12 @@
 #include "DevicesCommand.h"
 
-#include <iomanip>
 #include <iostream>
-#include <sstream>
 
 #include "DeviceErrorMessage.h"
+#include "JSONText.h"
 #include "KROAudioDevice.h"
 
 namespace {
-
-std::string jsonString(const std::string& text) {
-    std::ostringstream out;
-    out << '"';
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out << '\\' << c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            out << "\\u" << std::hex << std::setw(4) << std::setfill('0') << int(c) << std::dec;
-        } else {
-            out << c;
-        }
-    }
-    out << '"';
-    return out.str();
-}
-
-std::string jsonStrings(const std::vector<std::string>& texts) {
-    std::string result = "[";
-    for (std::size_t i = 0; i < texts.size(); ++i) {
-        result += (i ? "," : "") + jsonString(texts[i]);
-    }
-    return result + "]";
-}
 
 void printJSON(const KROAudioDevice::Devices& devices) {
     std::cout << "[";

@@ -13,6 +13,7 @@
 #include "DeviceErrorMessage.h"
 #include "KROAudioDevice.h"
 #include "KROAudioStream.h"
+#include "KROConductorAudioProcessor.h"
 #include "KROLevelMeterAudioProcessor.h"
 #include "KROOSXHardwareAudioProcessor.h"
 
@@ -35,10 +36,11 @@ std::string describe(const KROErrorPtr& error, const std::string& fallback) {
     return error ? deviceErrorMessage(*error) : fallback;
 }
 
-std::shared_ptr<KROLevelMeterAudioProcessor> meterOf(const KROAudioStream& stream) {
+// The first processor of the class in the stream, or none.
+template <typename T> std::shared_ptr<T> firstOf(const KROAudioStream& stream) {
     for (const auto& processor : stream.enumeratorOfProcessors()) {
-        if (auto meter = std::dynamic_pointer_cast<KROLevelMeterAudioProcessor>(processor)) {
-            return meter;
+        if (auto found = std::dynamic_pointer_cast<T>(processor)) {
+            return found;
         }
     }
     return nullptr;
@@ -167,8 +169,14 @@ int PlayCommand::run() const {
     if (!stream.initialize(&error) || !stream.start(&error)) {
         return fail(describe(error, "The stream could not be started."));
     }
+    // A transport plays with the device.
+    const auto transport = firstOf<KROConductorAudioProcessor>(stream);
+    if (transport) {
+        transport->start();
+    }
     std::signal(SIGINT, onInterrupt);
-    const bool deviceStayed = playFor(seconds_, *device, meterOf(stream).get());
+    const bool deviceStayed =
+        playFor(seconds_, *device, firstOf<KROLevelMeterAudioProcessor>(stream).get());
     const KROAudioDeviceIOStatistics statistics = head->statistics();
     const std::uint64_t frames = head->bufferFrames();
     stream.stop();
@@ -180,5 +188,9 @@ int PlayCommand::run() const {
         device->setOutputBufferFrames(previousFrames);
     }
     printSummary(*device, statistics, frames);
+    if (transport) {
+        std::cout << "The transport stood at " << std::fixed << std::setprecision(2)
+                  << transport->location() << " s.\n";
+    }
     return 0;
 }

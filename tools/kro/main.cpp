@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "DevicesCommand.h"
+#include "FormatCommand.h"
 #include "KROCore.h"
 #include "LoudnessCommand.h"
 #include "PlayCommand.h"
@@ -46,6 +47,7 @@ int main(int argc, char** argv) {
     classes->footer("Example:\n  kro classes --json");
     app.footer("Run `kro COMMAND --help` for what a command does, its options and an example.");
     DevicesCommand devices(app);
+    FormatCommand format(app);
     LoudnessCommand loudness(app);
     PlayCommand play(app);
 
@@ -59,6 +61,9 @@ int main(int argc, char** argv) {
     }
     if (play.parsed()) {
         return play.run();
+    }
+    if (format.parsed()) {
+        return format.run();
     }
     if (loudness.parsed()) {
         return loudness.run();

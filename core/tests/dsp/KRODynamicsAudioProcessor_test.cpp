@@ -10,8 +10,10 @@
 #include <thread>
 
 #include "KROAllocationGuard.h"
+#include "KRODspTestSupport.h"
 #include "KRODynamicsAudioProcessor.h"
-#include "KROInPlaceProcessor.h"
+
+using namespace kro_dsp_test;
 
 namespace {
 
@@ -42,12 +44,17 @@ double rms(const std::vector<float>& samples, std::size_t from) {
     return std::sqrt(sum / double(samples.size() - from));
 }
 
-// Renders samples through the processor in blocks of frames; channel 0 out.
-std::vector<float> renderAll(KROInPlaceProcessor<Dynamics>& chain, const std::vector<float>& in,
-                             std::uint64_t frames) {
+// A chain whose middle is the dynamics engine.
+Chain dynamicsChain(std::uint32_t channels, std::uint64_t maxFrames, double rate = 48000.0) {
+    return makeChain("KROTestGenerator", "KRODynamicsAudioProcessor", channels, maxFrames, rate);
+}
+
+// Renders samples through the chain in blocks of frames; channel 0 out.
+std::vector<float> renderAll(Chain& chain, const std::vector<float>& in, std::uint64_t frames) {
+    const Channels channels = {in};
     std::vector<float> out;
     for (std::size_t start = 0; start < in.size(); start += frames) {
-        const auto& block = chain.render({in}, start, frames);
+        const auto& block = chain.renderSamples(channels, start, frames);
         out.insert(out.end(), block.channel(0), block.channel(0) + frames);
     }
     return out;
@@ -74,11 +81,11 @@ TEST(KRODynamicsAudioProcessor, TheTransferFunctionMeasuredWithTones) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        KROInPlaceProcessor<Dynamics> chain(48000.0, 2, 512);
-        ASSERT_TRUE(chain.initialize());
-        apply(*chain.processor, c.shape);
-        EXPECT_EQ(chain.processor->latency(), 256u);
-        const auto tone = KROTestSine(c.toneDecibels, 1000.0, 2.0, 48000.0);
+        Chain chain = dynamicsChain(2, 512);
+        auto dynamics = chain.meterAs<Dynamics>();
+        apply(*dynamics, c.shape);
+        EXPECT_EQ(dynamics->latency(), 256u);
+        const auto tone = sine(c.toneDecibels, 1000.0, 2.0, 48000.0);
         const auto out = renderAll(chain, tone, 512);
         const double gain = 20.0 * std::log10(rms(out, 72000) / rms(tone, 72000));
         EXPECT_NEAR(gain, c.gainDecibels, 0.1);
@@ -94,31 +101,30 @@ TEST(KRODynamicsAudioProcessor, LookAheadOfHalfTheFilter) {
     std::vector<float> clicks(4096, 0.0f);
     clicks[100] = 0.001f;
     clicks[1000] = -0.001f;
-    KROInPlaceProcessor<Dynamics> chain(48000.0, 2, 512);
-    ASSERT_TRUE(chain.initialize());
-    chain.processor->setInputScalar(2.0f);
-    chain.processor->setOutputScalar(0.25f);
+    Chain chain = dynamicsChain(2, 512);
+    auto dynamics = chain.meterAs<Dynamics>();
+    dynamics->setInputScalar(2.0f);
+    dynamics->setOutputScalar(0.25f);
     const auto plain = renderAll(chain, clicks, 512);
-    EXPECT_EQ(chain.processor->latency(), 0u);
-    EXPECT_EQ(chain.processor->currentScalar(), 1.0f);
+    EXPECT_EQ(dynamics->latency(), 0u);
+    EXPECT_EQ(dynamics->currentScalar(), 1.0f);
     EXPECT_EQ(plain[1000], -0.0005f);
 
-    apply(*chain.processor, {true, -60, 2});
-    EXPECT_EQ(chain.processor->latency(), 256u);
+    apply(*dynamics, {true, -60, 2});
+    EXPECT_EQ(dynamics->latency(), 256u);
     const auto late = renderAll(chain, clicks, 512);
     for (std::size_t i = 0; i < late.size(); ++i) {
         ASSERT_NEAR(late[i], i >= 256 ? clicks[i - 256] * 0.5f : 0.0f, 1e-9) << i;
     }
-    EXPECT_NEAR(chain.processor->currentScalar(), 1.0f, 1e-5);
+    EXPECT_NEAR(dynamics->currentScalar(), 1.0f, 1e-5);
 
-    KROInPlaceProcessor<Dynamics> shorter(48000.0, 1, 512);
-    ASSERT_TRUE(shorter.initialize());
-    apply(*shorter.processor, {true, -60, 2});
+    Chain shorter = dynamicsChain(1, 512);
+    apply(*shorter.meterAs<Dynamics>(), {true, -60, 2});
     const auto blocks = renderAll(shorter, clicks, 384);
     EXPECT_EQ(blocks[100], clicks[100]);
     EXPECT_NEAR(blocks[384 + 356], clicks[100], 1e-9);
 
-    chain.processor->setEnabled(false);
+    dynamics->setEnabled(false);
     EXPECT_EQ(renderAll(chain, clicks, 512), clicks);
 }
 
@@ -128,9 +134,8 @@ TEST(KRODynamicsAudioProcessor, LookAheadOfHalfTheFilter) {
 // setting's target: reaching the slow one's would take its table with the
 // fast one's times, half of one update and half of another.
 TEST(KRODynamicsAudioProcessor, UpdateFromAHostThreadIsNeverTorn) {
-    KROInPlaceProcessor<Dynamics> chain(400.0, 2, 64);
-    ASSERT_TRUE(chain.initialize());
-    Dynamics& dynamics = *chain.processor;
+    Chain chain = dynamicsChain(2, 64, 400.0);
+    Dynamics& dynamics = *chain.meterAs<Dynamics>();
     auto fast = [&] {
         dynamics.setAttackTime(0.001);
         dynamics.setReleaseTime(0.0);
@@ -142,9 +147,9 @@ TEST(KRODynamicsAudioProcessor, UpdateFromAHostThreadIsNeverTorn) {
         apply(dynamics, {true, -60, 1.5f});
     };
     fast();
-    const std::vector<float> input(64, 0.5f);
+    chain.sourceAs<KROTestGenerator>()->setValue(0.5f);
     for (int block = 0; block < 10; ++block) {
-        chain.render({input}, 0, 64);
+        chain.render(64);
     }
     // Two channels of 0.5 have a power of 0.5, read over the square root of 2.
     const double level = 10.0 * std::log10(0.5) - 5.0 * std::log10(2.0);
@@ -163,7 +168,7 @@ TEST(KRODynamicsAudioProcessor, UpdateFromAHostThreadIsNeverTorn) {
     });
     double worst = 0.0;
     for (int block = 0; block < 200000 && (block < 3000 || updates.load() < 200); ++block) {
-        const auto& out = chain.render({input}, 0, 64);
+        const auto& out = chain.render(64);
         for (std::uint64_t i = 0; i < 64; ++i) {
             const double error = std::abs(20.0 * std::log10(out.channel(1)[i] / 0.5) - fastGain);
             worst = std::max(worst, error);
@@ -184,45 +189,51 @@ TEST(KRODynamicsAudioProcessor, BadSettingsAndSamplesLeaveTheGainFinite) {
     const std::tuple<double, std::uint32_t, std::uint64_t> engines[] = {
         {0.0, 2, 512}, {48000.0, 0, 512}, {48000.0, 2, 0}};
     for (const auto& [rate, channels, frames] : engines) {
-        KROInPlaceProcessor<Dynamics> chain(rate, channels, frames);
+        Chain chain = dynamicsChain(2, 512);
+        auto dynamics = chain.meterAs<Dynamics>();
+        ASSERT_TRUE(dynamics->uninitialize());
+        KROAudioConnection& output = *dynamics->outputConnection();
+        output.setSampleRate(rate);
+        output.setNumberOfChannels(channels);
+        output.setMaxFrames(frames);
         KROErrorPtr error;
         testing::internal::CaptureStderr();
-        EXPECT_FALSE(chain.processor->initializeForRender(&error));
+        EXPECT_FALSE(dynamics->initializeForRender(&error));
         EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("kx_dsp_gdp__create -- error", 0),
                   0u);
         EXPECT_EQ(error, nullptr);
-        EXPECT_EQ(chain.processor->currentScalar(), 1.0f);
+        EXPECT_EQ(dynamics->currentScalar(), 1.0f);
     }
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const float inf = std::numeric_limits<float>::infinity();
     const Shape shapes[] = {{true, -12, 0},     {true, -12, -1}, {true, -12, nan},
                             {true, -12, 1e-6f}, {true, -inf, 2}, {false, 0, 1, true, inf, 2}};
-    std::vector<float> signal(48000);
-    for (std::size_t i = 0; i < signal.size(); ++i) {
-        signal[i] = i < 12000 ? 0.5f : (i / 24 % 2 ? 1.0f : -1.0f);
+    Channels signal = {std::vector<float>(48000)};
+    for (std::size_t i = 0; i < signal[0].size(); ++i) {
+        signal[0][i] = i < 12000 ? 0.5f : (i / 24 % 2 ? 1.0f : -1.0f);
     }
-    signal[20000] = nan;
-    signal[30000] = inf;
+    signal[0][20000] = nan;
+    signal[0][30000] = inf;
     for (const Shape& shape : shapes) {
-        KROInPlaceProcessor<Dynamics> chain(48000.0, 2, 512);
-        ASSERT_TRUE(chain.initialize());
-        chain.processor->setAttackTime(nan);
-        chain.processor->setReleaseTime(-1.0);
+        Chain chain = dynamicsChain(2, 512);
+        auto dynamics = chain.meterAs<Dynamics>();
+        dynamics->setAttackTime(nan);
+        dynamics->setReleaseTime(-1.0);
         testing::internal::CaptureStderr();
-        apply(*chain.processor, shape);
+        apply(*dynamics, shape);
         EXPECT_NE(testing::internal::GetCapturedStderr().find("release_tau_sec is -1.0"),
                   std::string::npos);
-        chain.render({signal}, 0, 512);
+        chain.renderSamples(signal, 0, 512);
         std::size_t notFinite = 0;
         KRO_EXPECT_NO_ALLOCATION(
-            for (std::size_t start = 512; start < signal.size(); start += 512) {
-                const auto& block = chain.render({signal}, start, 512);
+            for (std::size_t start = 512; start < signal[0].size(); start += 512) {
+                const auto& block = chain.renderSamples(signal, start, 512);
                 for (std::uint64_t i = 0; i < 512; ++i) {
                     notFinite += !std::isfinite(block.channel(0)[i]);
                 }
             });
         EXPECT_LE(notFinite, 2u);
-        EXPECT_TRUE(std::isfinite(chain.processor->currentScalar()));
+        EXPECT_TRUE(std::isfinite(dynamics->currentScalar()));
     }
 }
 

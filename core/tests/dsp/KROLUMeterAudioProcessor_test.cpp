@@ -14,20 +14,28 @@
 #include <thread>
 
 #include "KROAllocationGuard.h"
-#include "KROInPlaceProcessor.h"
+#include "KRODspTestSupport.h"
 #include "KROLUMeterAudioProcessor.h"
+
+using namespace kro_dsp_test;
 
 namespace {
 
 using Meter = KROLUMeterAudioProcessor;
-using Channels = std::vector<std::vector<float>>;
+
+// A meter of the type over channels, in blocks of up to 4800 frames, initialised.
+Chain meterOf(const char* type, std::uint32_t channels, double rate = 48000.0) {
+    Chain chain = makeChain("KROTestGenerator", "KROLUMeterAudioProcessor", channels, 4800, rate);
+    chain.meterAs<Meter>()->setMeasurementType(type);
+    return chain;
+}
 
 // Pieces of a 1 kHz sine at levels in dBFS, one after the other.
 std::vector<float> sequence(std::initializer_list<std::pair<double, double>> levelsAndSeconds,
                             double rate, double hertz = 1000.0) {
     std::vector<float> samples;
     for (const auto& [decibels, seconds] : levelsAndSeconds) {
-        const auto piece = KROTestSine(decibels, hertz, seconds, rate);
+        const auto piece = sine(decibels, hertz, seconds, rate);
         samples.insert(samples.end(), piece.begin(), piece.end());
     }
     return samples;
@@ -74,19 +82,17 @@ struct Agreement {
 // short-term readings once their windows are full, where libebur128 reads
 // above the meter's floor, and both integrated readings in LUFS.
 Agreement compare(const Channels& channels, double rate, const std::vector<int>& map = {}) {
-    std::vector<std::unique_ptr<KROInPlaceProcessor<Meter>>> meters;
+    std::vector<Chain> meters;
     for (const char* type : {KROLUMeterMeasurementTypeMomentary, KROLUMeterMeasurementTypeShortTerm,
                              KROLUMeterMeasurementTypeIntegrated}) {
-        meters.push_back(std::make_unique<KROInPlaceProcessor<Meter>>(rate, channels.size(), 4800));
-        meters.back()->processor->setMeasurementType(type);
-        EXPECT_TRUE(meters.back()->initialize());
+        meters.push_back(meterOf(type, std::uint32_t(channels.size()), rate));
     }
     Reference reference(channels.size(), rate, map);
-    const std::size_t step = meters[0]->processor->analysisFrames();
+    const std::size_t step = meters[0].meterAs<Meter>()->analysisFrames();
     Agreement agreement;
     for (std::size_t start = 0, block = 1; start < channels[0].size(); start += step, ++block) {
         for (auto& meter : meters) {
-            meter->render(channels, start, step);
+            meter.renderSamples(channels, start, step);
         }
         reference.add(channels, start, step);
         const double theirs[] = {reference.read(ebur128_loudness_momentary),
@@ -94,12 +100,12 @@ Agreement compare(const Channels& channels, double rate, const std::vector<int>&
         double* worst[] = {&agreement.worstMomentary, &agreement.worstShortTerm};
         for (int kind = 0; kind < 2; ++kind) {
             if (block >= (kind == 0 ? 4u : 30u) && theirs[kind] > -70.0) {
-                const double ours = meters[std::size_t(kind)]->processor->level() - 23.0;
+                const double ours = meters[std::size_t(kind)].meterAs<Meter>()->level() - 23.0;
                 *worst[kind] = std::max(*worst[kind], std::abs(ours - theirs[kind]));
             }
         }
     }
-    agreement.integrated = meters[2]->processor->level() - 23.0;
+    agreement.integrated = meters[2].meterAs<Meter>()->level() - 23.0;
     agreement.theirIntegrated = reference.read(ebur128_loudness_global);
     return agreement;
 }
@@ -197,21 +203,15 @@ TEST(KROLUMeterAudioProcessor, KeepsItsOwnChannelMapAndRingOfGatingBlocks) {
 
 namespace {
 
-// A meter of the type over channels, initialised; a test chain for one case.
-std::unique_ptr<KROInPlaceProcessor<Meter>> meterOf(const char* type, std::uint32_t channels,
-                                                    double rate = 48000.0) {
-    auto meter = std::make_unique<KROInPlaceProcessor<Meter>>(rate, channels, 4800);
-    meter->processor->setMeasurementType(type);
-    EXPECT_TRUE(meter->initialize());
-    return meter;
-}
-
 // Renders the samples from the start in blocks of 4800 frames; the reading.
-float measure(KROInPlaceProcessor<Meter>& meter, const Channels& channels, std::size_t start = 0) {
-    for (std::size_t at = start; at < channels[0].size(); at += 4800) {
-        meter.render(channels, at, 4800);
+float measure(Chain& meter, const Channels& channels) {
+    for (std::size_t at = 0; at < channels[0].size(); at += 4800) {
+        meter.renderSamples(channels, at, 4800);
     }
-    return meter.processor->level();
+    return meter.meterAs<Meter>()->level();
+}
+float measure(Chain&& meter, const Channels& channels) {
+    return measure(meter, channels);
 }
 
 } // namespace
@@ -223,21 +223,21 @@ float measure(KROInPlaceProcessor<Meter>& meter, const Channels& channels, std::
 // -73 LU once analysed (-96 LUFS), and -96 LU integrated, where no block
 // passes the gate.
 TEST(KROLUMeterAudioProcessor, SlotsFiltersAndSilence) {
-    auto stereo = meterOf(KROLUMeterMeasurementTypeMomentary, 2);
-    EXPECT_EQ(stereo->processor->preFilterCoefficients(),
+    Chain stereo = meterOf(KROLUMeterMeasurementTypeMomentary, 2);
+    EXPECT_EQ(stereo.meterAs<Meter>()->preFilterCoefficients(),
               (Meter::Coefficients{1.5351828863637502, -2.691804030199196, 1.198426263333146,
                                    -1.6906995865986896, 0.7325047060963897}));
-    const Meter::Coefficients rlb = stereo->processor->rlbCoefficients();
+    const Meter::Coefficients rlb = stereo.meterAs<Meter>()->rlbCoefficients();
     const Meter::Coefficients expected = {1.0000000000000073, -2.0000000000000147,
                                           1.0000000000000073, -1.9900474548339653,
                                           0.9900722503661955};
     for (std::size_t i = 0; i < 5; ++i) {
         EXPECT_NEAR(rlb[i], expected[i], 1e-15) << i;
     }
-    EXPECT_EQ(stereo->processor->level(), -96.0f);
-    const Channels sine = {sequence({{-23, 2}}, 48000)};
+    EXPECT_EQ(stereo.meterAs<Meter>()->level(), -96.0f);
+    const Channels tone = {sequence({{-23, 2}}, 48000)};
     const Channels silence = {std::vector<float>(48000)};
-    const float both = measure(*stereo, sine);
+    const float both = measure(stereo, tone);
     EXPECT_NEAR(both, 0.0f, 0.1f);
     const struct {
         const char* what;
@@ -257,12 +257,12 @@ TEST(KROLUMeterAudioProcessor, SlotsFiltersAndSilence) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        auto meter = meterOf(KROLUMeterMeasurementTypeMomentary, c.channels);
-        c.route(*meter->processor);
-        EXPECT_NEAR(measure(*meter, sine), c.level, 0.01f);
+        Chain meter = meterOf(KROLUMeterMeasurementTypeMomentary, c.channels);
+        c.route(*meter.meterAs<Meter>());
+        EXPECT_NEAR(measure(meter, tone), c.level, 0.01f);
     }
-    EXPECT_EQ(measure(*meterOf(KROLUMeterMeasurementTypeShortTerm, 2), silence), -73.0f);
-    EXPECT_EQ(measure(*meterOf(KROLUMeterMeasurementTypeIntegrated, 2), silence), -96.0f);
+    EXPECT_EQ(measure(meterOf(KROLUMeterMeasurementTypeShortTerm, 2), silence), -73.0f);
+    EXPECT_EQ(measure(meterOf(KROLUMeterMeasurementTypeIntegrated, 2), silence), -96.0f);
 }
 
 // A new measurement type clears the window but not the ring: back in
@@ -270,24 +270,24 @@ TEST(KROLUMeterAudioProcessor, SlotsFiltersAndSilence) {
 // name measures nothing and leaves the reading. Reset clears the ring, so
 // the reading starts again.
 TEST(KROLUMeterAudioProcessor, ChangingTypeKeepsTheRingAndResetClearsIt) {
-    auto meter = meterOf(KROLUMeterMeasurementTypeIntegrated, 2);
-    Meter& lu = *meter->processor;
+    Chain meter = meterOf(KROLUMeterMeasurementTypeIntegrated, 2);
+    Meter& lu = *meter.meterAs<Meter>();
     const Channels loud = {sequence({{-23, 10}}, 48000)};
     const Channels quieter = {sequence({{-30, 1}}, 48000)};
-    measure(*meter, loud);
+    measure(meter, loud);
     lu.setMeasurementType(KROLUMeterMeasurementTypeMomentary);
-    EXPECT_NEAR(measure(*meter, quieter), -7.0f, 0.1f);
+    EXPECT_NEAR(measure(meter, quieter), -7.0f, 0.1f);
     lu.setMeasurementType("loud");
-    EXPECT_NEAR(measure(*meter, loud), -7.0f, 0.1f);
+    EXPECT_NEAR(measure(meter, loud), -7.0f, 0.1f);
     lu.setMeasurementType(KROLUMeterMeasurementTypeIntegrated);
     // 100 blocks at -23 LUFS and 10 at -30 within 10 LU of their mean.
     const float expected = float(10.0 * std::log10((100.0 + 10.0 * std::pow(10.0, -0.7)) / 110.0));
-    EXPECT_NEAR(measure(*meter, quieter), expected, 0.05f);
+    EXPECT_NEAR(measure(meter, quieter), expected, 0.05f);
     EXPECT_TRUE(lu.reset());
     EXPECT_EQ(lu.level(), -96.0f);
     // Ten blocks, the first three of a window a quarter, half and three
     // quarters full.
-    EXPECT_NEAR(measure(*meter, quieter), -7.0 + 10.0 * std::log10(8.5 / 10.0), 0.05);
+    EXPECT_NEAR(measure(meter, quieter), -7.0 + 10.0 * std::log10(8.5 / 10.0), 0.05);
 }
 
 // NaN, infinite and huge samples, blocks of every length up to the maximum,
@@ -296,26 +296,27 @@ TEST(KROLUMeterAudioProcessor, ChangingTypeKeepsTheRingAndResetClearsIt) {
 // measured as silence and soon forgotten; a huge finite one is measured as
 // very loud, which the integrated reading keeps among its loudest blocks.
 TEST(KROLUMeterAudioProcessor, BadInputLeavesEveryReadingFinite) {
-    auto bad = sequence({{-23, 8}}, 48000);
-    bad[50000] = std::numeric_limits<float>::quiet_NaN();
-    bad[60000] = std::numeric_limits<float>::infinity();
-    bad[70000] = -3e38f;
+    Channels bad = {sequence({{-23, 8}}, 48000)};
+    bad[0][50000] = std::numeric_limits<float>::quiet_NaN();
+    bad[0][60000] = std::numeric_limits<float>::infinity();
+    bad[0][70000] = -3e38f;
     const Channels clean = {sequence({{-23, 8}}, 48000)};
     for (const char* type : {KROLUMeterMeasurementTypeMomentary, KROLUMeterMeasurementTypeShortTerm,
                              KROLUMeterMeasurementTypeIntegrated}) {
         SCOPED_TRACE(type);
-        auto meter = meterOf(type, 2);
-        meter->render({bad}, 0, 4800);
+        Chain meter = meterOf(type, 2);
+        Meter& lu = *meter.meterAs<Meter>();
+        meter.renderSamples(bad, 0, 4800);
         bool finite = true;
         const std::uint64_t sizes[] = {4800, 0, 1, 77, 4799, 4800};
         KRO_EXPECT_NO_ALLOCATION(
-            for (std::size_t at = 4800, block = 0; at < bad.size(); at += sizes[block++ % 6]) {
-                meter->render({bad}, at, sizes[block % 6]);
-                finite = finite && std::isfinite(meter->processor->level());
+            for (std::size_t at = 4800, block = 0; at < bad[0].size(); at += sizes[block++ % 6]) {
+                meter.renderSamples(bad, at, sizes[block % 6]);
+                finite = finite && std::isfinite(lu.level());
             });
         EXPECT_TRUE(finite);
-        const float reading = meter->processor->level();
-        const float cleanReading = measure(*meterOf(type, 2), clean);
+        const float reading = lu.level();
+        const float cleanReading = measure(meterOf(type, 2), clean);
         if (type == std::string(KROLUMeterMeasurementTypeIntegrated)) {
             EXPECT_GT(reading, cleanReading + 100.0f);
         } else {
@@ -323,9 +324,12 @@ TEST(KROLUMeterAudioProcessor, BadInputLeavesEveryReadingFinite) {
         }
     }
     for (const auto& [rate, frames] : {std::pair(0.0, 4800), std::pair(48000.0, 0)}) {
-        KROInPlaceProcessor<Meter> inert(rate, 2, frames);
-        EXPECT_TRUE(inert.initialize());
-        EXPECT_EQ(inert.processor->analysisFrames(), 0u);
+        Chain chain = meterOf(KROLUMeterMeasurementTypeMomentary, 2);
+        auto inert = chain.meterAs<Meter>();
+        inert->outputConnection()->setSampleRate(rate);
+        inert->outputConnection()->setMaxFrames(std::uint64_t(frames));
+        EXPECT_TRUE(inert->initializeForRender());
+        EXPECT_EQ(inert->analysisFrames(), 0u);
     }
 }
 
@@ -333,9 +337,9 @@ TEST(KROLUMeterAudioProcessor, BadInputLeavesEveryReadingFinite) {
 // while the render thread runs; afterwards the meter measures as if set so
 // from the start of its window.
 TEST(KROLUMeterAudioProcessor, HostChangesWhileRendering) {
-    auto meter = meterOf(KROLUMeterMeasurementTypeShortTerm, 2);
-    Meter& lu = *meter->processor;
-    const Channels sine = {sequence({{-23, 1}}, 48000)};
+    Chain meter = meterOf(KROLUMeterMeasurementTypeShortTerm, 2);
+    Meter& lu = *meter.meterAs<Meter>();
+    const Channels tone = {sequence({{-23, 1}}, 48000)};
     std::atomic<bool> done{false};
     std::atomic<int> notFinite{0}, changes{0};
     std::thread host([&] {
@@ -350,7 +354,7 @@ TEST(KROLUMeterAudioProcessor, HostChangesWhileRendering) {
         }
     });
     for (int pass = 0; pass < 2000 && (pass < 10 || changes.load() < 100); ++pass) {
-        measure(*meter, sine);
+        measure(meter, tone);
     }
     done.store(true);
     host.join();
@@ -358,5 +362,5 @@ TEST(KROLUMeterAudioProcessor, HostChangesWhileRendering) {
     EXPECT_EQ(notFinite.load(), 0);
     lu.setMeasurementType(KROLUMeterMeasurementTypeMomentary);
     lu.setRightChannelIndex(1);
-    EXPECT_NEAR(measure(*meter, sine), 0.0f, 0.1f);
+    EXPECT_NEAR(measure(meter, tone), 0.0f, 0.1f);
 }

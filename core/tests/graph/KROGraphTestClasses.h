@@ -1,148 +1,119 @@
-// Test-only processors for the graph tests (Parts 2.1 to 2.3): a generator, a
-// pass-through, a multi-bus processor, render and input heads, an input sink,
-// an I/O mark and a bus observer. Each registers itself so that descriptions
-// can name it.
+// Test-only processors for the graph and processor tests, registered so that
+// descriptions can name them, and builders of descriptions.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "KROAudioBufferList.h"
 #include "KROAudioConnection.h"
 #include "KROAudioGenerator.h"
-#include "KROAudioProcessor.h"
 #include "KROAudioStream.h"
 #include "KROClassRegistry.h"
 #include "KROHeadAudioProcessor.h"
 #include "KROIOAudioProcessor.h"
 
-// Fills every channel with one value and counts its blocks. While `closed`
-// is set, any block that reaches it counts as a violation: the concurrency
-// test sets it after setActive(false) has returned.
+namespace kro_graph_test {
+
+inline void fill(KROAudioBufferList& buffer, float value) {
+    for (std::uint32_t channel = 0; channel < buffer.numberOfChannels(); ++channel) {
+        std::fill_n(buffer.channel(channel), buffer.frames(), value);
+    }
+}
+
+} // namespace kro_graph_test
+
+// Fills its blocks from `signal`, a function of the frame within the block and
+// the channel, 0.5 unless set, and counts them; while `closed` is set, a block
+// that reaches it counts as a violation.
 class KROTestGenerator : public KROAudioGenerator {
     KRO_DECLARE_CLASS(KROTestGenerator)
 
 public:
-    bool initializeForRender(KROErrorPtr* /*error*/ = nullptr) override {
-        ++initializeForRenderCount;
-        return true;
-    }
-    bool setSettings(const KROPropertyList& settings, KROErrorPtr* error = nullptr) override {
-        if (!KROAudioGenerator::setSettings(settings, error)) {
-            return false;
-        }
-        if (const KROPropertyList* value = settings.objectForKey("value")) {
-            this->value = static_cast<float>(value->doubleValue(this->value));
-        }
-        return true;
-    }
-    void render(KROAudioBufferList& buffer, KROAudioOutputBus& /*bus*/,
-                KROAudioStreamRenderInfo& /*info*/) override {
-        if (closed.load(std::memory_order_relaxed)) {
-            violations.fetch_add(1, std::memory_order_relaxed);
-        }
+    using Signal = std::function<float(std::uint64_t frame, std::uint32_t channel)>;
+
+    bool initializeForRender(KROErrorPtr* = nullptr) override { return ++initializeCount > 0; }
+    void render(KROAudioBufferList& buffer, KROAudioOutputBus&,
+                KROAudioStreamRenderInfo&) override {
+        violations += closed.load();
         for (std::uint32_t channel = 0; channel < buffer.numberOfChannels(); ++channel) {
-            float* const samples = buffer.channel(channel);
             for (std::uint64_t frame = 0; frame < buffer.frames(); ++frame) {
-                samples[frame] = value;
+                buffer.channel(channel)[frame] = signal(frame, channel);
             }
         }
-        renderCount.fetch_add(1, std::memory_order_relaxed);
+        ++renderCount;
     }
 
-    float value = 0.5f;
-    int initializeForRenderCount = 0;
-    std::atomic<std::uint64_t> renderCount{0};
-    std::atomic<std::uint64_t> violations{0};
+    // A constant signal, also from the setting "value".
+    void setValue(float value) {
+        signal = [value](std::uint64_t, std::uint32_t) { return value; };
+    }
+    bool setSettings(const KROPropertyList& settings, KROErrorPtr* error = nullptr) override {
+        if (const KROPropertyList* value = settings.objectForKey("value")) {
+            setValue(static_cast<float>(value->doubleValue(0.5)));
+        }
+        return KROAudioGenerator::setSettings(settings, error);
+    }
+
+    Signal signal = [](std::uint64_t, std::uint32_t) { return 0.5f; };
+    int initializeCount = 0;
+    std::atomic<std::uint64_t> renderCount{0}, violations{0};
     std::atomic<bool> closed{false};
 };
 
-// Pulls its input and adds `offset` to each sample (0 leaves the audio
-// alone); on the push path adds it too and passes the buffer on.
+// Scales what it pulls, and what is pushed through it, by `gain` (setting
+// "gain"), passing pushes on; counts each operation.
 class KROTestPassThrough : public KROAudioProcessor {
     KRO_DECLARE_CLASS(KROTestPassThrough)
 
 public:
-    bool initializeForRender(KROErrorPtr* /*error*/ = nullptr) override {
-        ++initializeForRenderCount;
+    bool initializeForRender(KROErrorPtr* = nullptr) override {
         if (KROAudioConnection* connection = inputConnection()) {
             connection->conformToConnection(outputConnection());
         }
-        return true;
+        return ++initializeForRenderCount > 0;
     }
-    bool initializeForInput(KROErrorPtr* /*error*/ = nullptr) override {
-        ++initializeForInputCount;
+    bool initializeForInput(KROErrorPtr* = nullptr) override {
         if (KROAudioConnection* connection = outputConnection()) {
             connection->conformToConnection(inputConnection());
         }
-        return true;
+        return ++initializeForInputCount > 0;
     }
-    bool uninitialize(KROErrorPtr* /*error*/ = nullptr) override {
-        ++uninitializeCount;
-        return true;
-    }
-    bool reset(KROErrorPtr* /*error*/ = nullptr) override {
-        ++resetCount;
-        return true;
-    }
+    bool uninitialize(KROErrorPtr* = nullptr) override { return ++uninitializeCount > 0; }
+    bool reset(KROErrorPtr* = nullptr) override { return ++resetCount > 0; }
     std::uint64_t latency() const override { return latencyFrames; }
     bool setSettings(const KROPropertyList& settings, KROErrorPtr* error = nullptr) override {
-        if (!KROAudioProcessor::setSettings(settings, error)) {
-            return false;
+        if (const KROPropertyList* value = settings.objectForKey("gain")) {
+            gain = static_cast<float>(value->doubleValue(gain));
         }
-        if (const KROPropertyList* value = settings.objectForKey("offset")) {
-            offset = static_cast<float>(value->doubleValue(offset));
-        }
-        return true;
+        return KROAudioProcessor::setSettings(settings, error);
     }
-    KROPropertyList settings() const override {
-        KROPropertyList settings = KROAudioProcessor::settings();
-        settings.setObjectForKey("offset", static_cast<double>(offset));
-        return settings;
-    }
-    void render(KROAudioBufferList& buffer, KROAudioOutputBus& /*bus*/,
+    void render(KROAudioBufferList& buffer, KROAudioOutputBus&,
                 KROAudioStreamRenderInfo& info) override {
-        if (KROAudioInputBus* bus = inputBus()) {
-            bus->render(buffer, info);
-        }
-        apply(buffer);
+        inputBus()->render(buffer, info);
+        buffer.scale(gain);
     }
-    void input(KROAudioBufferList& buffer, KROAudioInputBus& /*bus*/,
+    void input(KROAudioBufferList& buffer, KROAudioInputBus&,
                KROAudioStreamRenderInfo& info) override {
-        apply(buffer);
+        buffer.scale(gain);
         ++inputCount;
-        if (KROAudioOutputBus* bus = outputBus()) {
-            bus->input(buffer, info);
-        }
+        outputBus()->input(buffer, info);
     }
 
-    float offset = 0.0f;
+    float gain = 1.0f;
     std::uint64_t latencyFrames = 0;
-    int initializeForRenderCount = 0;
-    int initializeForInputCount = 0;
-    int uninitializeCount = 0;
-    int resetCount = 0;
-    int inputCount = 0;
-
-private:
-    void apply(KROAudioBufferList& buffer) const {
-        if (offset == 0.0f) {
-            return;
-        }
-        for (std::uint32_t channel = 0; channel < buffer.numberOfChannels(); ++channel) {
-            float* const samples = buffer.channel(channel);
-            for (std::uint64_t frame = 0; frame < buffer.frames(); ++frame) {
-                samples[frame] += offset;
-            }
-        }
-    }
+    int initializeForRenderCount = 0, initializeForInputCount = 0, uninitializeCount = 0,
+        resetCount = 0, inputCount = 0;
 };
 
-// A processor with up to eight buses on each side.
+// A pass-through with up to eight buses on each side.
 class KROTestMultiBusProcessor : public KROTestPassThrough {
     KRO_DECLARE_CLASS(KROTestMultiBusProcessor)
 
@@ -151,100 +122,74 @@ public:
     std::uint64_t maximumNumberOfOutputBuses() const override { return 8; }
 };
 
-// A processor that overrides neither initialise operation.
+// Overrides neither initialise operation, nor input.
 class KROTestPlainProcessor : public KROAudioProcessor {
     KRO_DECLARE_CLASS(KROTestPlainProcessor)
 };
 
-// A render and input head with a buffer of its own, driven block by block.
+// A render and input head with a buffer of its own (settings "channels",
+// "maxFrames", "sampleRate"; 2, 64 and 48000 unless given), driven one block
+// at a time as a device head would be.
 class KROTestHead : public KROHeadAudioProcessor {
     KRO_DECLARE_CLASS(KROTestHead)
 
 public:
-    bool initializeForRender(KROErrorPtr* error = nullptr) override {
-        ++initializeForRenderCount;
-        return prepare(inputConnection(), error);
-    }
-    bool initializeForInput(KROErrorPtr* error = nullptr) override {
-        ++initializeForInputCount;
-        return prepare(outputConnection(), error);
-    }
-    bool uninitialize(KROErrorPtr* /*error*/ = nullptr) override {
-        buffer.reset();
-        return true;
-    }
-    bool start(KROErrorPtr* /*error*/ = nullptr) override {
-        ++startCount;
-        setRunning(true);
-        return true;
-    }
-    bool stop(KROErrorPtr* /*error*/ = nullptr) override {
-        ++stopCount;
-        setRunning(false);
-        return true;
-    }
     bool setSettings(const KROPropertyList& settings, KROErrorPtr* error = nullptr) override {
-        if (!KROHeadAudioProcessor::setSettings(settings, error)) {
-            return false;
-        }
-        if (const KROPropertyList* value = settings.objectForKey("channels")) {
-            channels = static_cast<std::uint32_t>(value->longValue(channels));
-        }
-        if (const KROPropertyList* value = settings.objectForKey("frames")) {
-            frames =
-                static_cast<std::uint64_t>(value->longValue(static_cast<std::int64_t>(frames)));
-        }
-        return true;
+        const auto number = [&](const char* key, double value) {
+            const KROPropertyList* found = settings.objectForKey(key);
+            return found ? found->doubleValue(value) : value;
+        };
+        channels = static_cast<std::uint32_t>(number("channels", channels));
+        maxFrames = static_cast<std::uint64_t>(number("maxFrames", double(maxFrames)));
+        sampleRate = number("sampleRate", sampleRate);
+        return KROHeadAudioProcessor::setSettings(settings, error);
+    }
+    bool initializeForRender(KROErrorPtr* = nullptr) override {
+        ++initializeForRenderCount;
+        return prepare(inputConnection());
+    }
+    bool initializeForInput(KROErrorPtr* = nullptr) override {
+        ++initializeForInputCount;
+        return prepare(outputConnection());
+    }
+    bool start(KROErrorPtr* = nullptr) override {
+        setRunning(true);
+        return ++startCount > 0;
+    }
+    bool stop(KROErrorPtr* = nullptr) override {
+        setRunning(false);
+        return ++stopCount > 0;
     }
 
-    // Part 2.3 Algorithm 1 step 3: one pull of one block.
-    void renderBlock() {
-        info()->setHostTime(info()->hostTime() + 1);
+    // One pull of `frames` frames, all of the buffer unless given.
+    KROAudioBufferList& renderBlock(std::uint64_t frames = UINT64_MAX) {
+        buffer->setFrames(std::min(frames, maxFrames));
         info()->setSampleTime(sampleTime);
-        if (KROAudioInputBus* bus = inputBus()) {
-            bus->render(*buffer, *info());
-        }
+        inputBus()->render(*buffer, *info());
         sampleTime += static_cast<std::int64_t>(buffer->frames());
+        return *buffer;
     }
-    // Part 2.3 Algorithm 1 step 4: one push of one block filled with value.
     void pushBlock(float value) {
-        info()->setSampleTime(sampleTime);
-        buffer->clear();
-        for (std::uint32_t channel = 0; channel < buffer->numberOfChannels(); ++channel) {
-            float* const samples = buffer->channel(channel);
-            for (std::uint64_t frame = 0; frame < buffer->frames(); ++frame) {
-                samples[frame] = value;
-            }
-        }
-        if (KROAudioOutputBus* bus = outputBus()) {
-            bus->input(*buffer, *info());
-        }
+        kro_graph_test::fill(*buffer, value);
+        outputBus()->input(*buffer, *info());
     }
 
     std::uint32_t channels = 2;
-    std::uint64_t frames = 64;
+    std::uint64_t maxFrames = 64;
     double sampleRate = 48000.0;
     std::int64_t sampleTime = 0;
     std::shared_ptr<KROAudioBufferList> buffer;
-    int initializeForRenderCount = 0;
-    int initializeForInputCount = 0;
-    int startCount = 0;
-    int stopCount = 0;
+    int initializeForRenderCount = 0, initializeForInputCount = 0, startCount = 0, stopCount = 0;
 
 private:
-    bool prepare(KROAudioConnection* connection, KROErrorPtr* error) {
-        if (!buffer) {
-            buffer = KROAudioBufferList::bufferListWithChannels(channels, frames, error);
-            if (!buffer) {
-                return false;
-            }
-        }
+    bool prepare(KROAudioConnection* connection) {
+        buffer = buffer ? buffer : KROAudioBufferList::bufferListWithChannels(channels, maxFrames);
         if (connection) {
             connection->setSampleRate(sampleRate);
             connection->setNumberOfChannels(channels);
-            connection->setMaxFrames(frames);
+            connection->setMaxFrames(maxFrames);
         }
-        return true;
+        return buffer != nullptr;
     }
 };
 
@@ -253,37 +198,30 @@ class KROTestIOProcessor : public KROIOAudioProcessor {
     KRO_DECLARE_CLASS(KROTestIOProcessor)
 
 public:
-    bool initializeForRender(KROErrorPtr* /*error*/ = nullptr) override {
-        ++initializeForRenderCount;
-        return true;
+    bool initializeForRender(KROErrorPtr* = nullptr) override {
+        return ++initializeForRenderCount > 0;
     }
-    bool initializeForInput(KROErrorPtr* /*error*/ = nullptr) override {
-        ++initializeForInputCount;
-        return true;
+    bool initializeForInput(KROErrorPtr* = nullptr) override {
+        return ++initializeForInputCount > 0;
     }
 
-    int initializeForRenderCount = 0;
-    int initializeForInputCount = 0;
+    int initializeForRenderCount = 0, initializeForInputCount = 0;
 };
 
-// Counts the two observer messages.
+// Counts the observer messages and keeps the first sample each one saw.
 class KROTestObserver : public KROAudioBusObserver {
 public:
-    void willRender(KROAudioBufferList& buffer, KROAudioBus& /*bus*/,
-                    KROAudioStreamRenderInfo& /*info*/) override {
+    void willRender(KROAudioBufferList& buffer, KROAudioBus&, KROAudioStreamRenderInfo&) override {
         ++willRenderCount;
         firstSampleBefore = buffer.valueAtFrame(0);
     }
-    void didRender(KROAudioBufferList& buffer, KROAudioBus& /*bus*/,
-                   KROAudioStreamRenderInfo& /*info*/) override {
+    void didRender(KROAudioBufferList& buffer, KROAudioBus&, KROAudioStreamRenderInfo&) override {
         ++didRenderCount;
         firstSampleAfter = buffer.valueAtFrame(0);
     }
 
-    int willRenderCount = 0;
-    int didRenderCount = 0;
-    float firstSampleBefore = -1.0f;
-    float firstSampleAfter = -1.0f;
+    int willRenderCount = 0, didRenderCount = 0;
+    float firstSampleBefore = -1.0f, firstSampleAfter = -1.0f;
 };
 
 KRO_REGISTER_CLASS(KROTestGenerator, KROAudioGenerator)
@@ -302,51 +240,30 @@ template <typename T> std::shared_ptr<T> make() {
     return object;
 }
 
-// The sentence Part 1.1 forms from an action and a code of a family.
-inline std::string sentence(const std::string& action, const std::string& reasonKey) {
-    return action + " " + KROLocalizedString("KROError_conjunction") + " " +
-           KROLocalizedString(reasonKey) + ".";
-}
-
-// Expects an error of the family with the code and the localized action
-// (already formatted) in its sentence.
+// An error of the family with the code, whose sentence is the action (already
+// formatted) joined to the family's text for the code.
 template <typename Family>
 void expectError(const KROErrorPtr& error, std::int64_t code, const std::string& action) {
-    ASSERT_NE(error, nullptr);
-    EXPECT_NE(std::dynamic_pointer_cast<Family>(error), nullptr) << error->className();
-    EXPECT_EQ(error->domain(), Family::errorDomain());
+    ASSERT_NE(std::dynamic_pointer_cast<Family>(error), nullptr);
     EXPECT_EQ(error->code(), code);
-    const std::string reasonKey =
-        Family::staticClassName() + "_failureReason_" + std::to_string(code);
-    EXPECT_NE(KROLocalizedString(reasonKey), reasonKey) << "no text for " << reasonKey;
-    EXPECT_EQ(error->localizedDescription(), sentence(action, reasonKey));
+    const std::string reason = Family::staticClassName() + "_failureReason_" + std::to_string(code);
+    EXPECT_NE(KROLocalizedString(reason), reason) << "no text for " << reason;
+    EXPECT_EQ(error->localizedDescription(), action + " " +
+                                                 KROLocalizedString("KROError_conjunction") + " " +
+                                                 KROLocalizedString(reason) + ".");
 }
 
-// A buffer list of the shape, every sample set to value.
-inline std::shared_ptr<KROAudioBufferList> filledBuffer(std::uint32_t channels,
-                                                        std::uint64_t frames, float value) {
-    auto buffer = KROAudioBufferList::bufferListWithChannels(channels, frames);
-    for (std::uint32_t channel = 0; channel < channels; ++channel) {
-        for (std::uint64_t frame = 0; frame < frames; ++frame) {
-            buffer->setValue(value, frame, channel);
-        }
-    }
+inline std::shared_ptr<KROAudioBufferList> filledBuffer(float value, std::uint32_t channels = 2) {
+    auto buffer = KROAudioBufferList::bufferListWithChannels(channels, 64);
+    fill(*buffer, value);
     return buffer;
 }
 
-// True when every sample within frames equals value.
 inline bool allSamplesAre(const KROAudioBufferList& buffer, float value) {
-    for (std::uint32_t channel = 0; channel < buffer.numberOfChannels(); ++channel) {
-        for (std::uint64_t frame = 0; frame < buffer.frames(); ++frame) {
-            if (buffer.valueAtFrame(frame, channel) != value) {
-                return false;
-            }
-        }
-    }
-    return true;
+    return buffer.minimum() == value && buffer.maximum() == value;
 }
 
-// A processor entry of a description.
+// A processor entry; a null identifier leaves the key out.
 inline KROPropertyList entry(const char* className, const char* identifier) {
     KROPropertyList entry;
     entry.setObjectForKey("class", className);
@@ -356,17 +273,34 @@ inline KROPropertyList entry(const char* className, const char* identifier) {
     return entry;
 }
 
-// A connection entry of a description; null leaves that key out.
+inline KROPropertyList headEntry(const char* identifier, bool render, bool input = false) {
+    KROPropertyList head = entry("KROTestHead", identifier);
+    head.setObjectForKey("isRenderHead", render);
+    head.setObjectForKey("isInputHead", input);
+    return head;
+}
+
+// The entry with its "inputBuses" or "outputBuses" named so.
+inline KROPropertyList withBuses(KROPropertyList entry, const char* key,
+                                 const std::vector<std::string>& names) {
+    KROPropertyList::Array buses;
+    for (const std::string& name : names) {
+        KROPropertyList bus;
+        bus.setObjectForKey("identifier", name);
+        buses.push_back(bus);
+    }
+    entry.setObjectForKey(key, std::move(buses));
+    return entry;
+}
+
+// A connection entry; null leaves that key out.
 inline KROPropertyList connection(const char* identifier, const char* input, const char* output) {
     KROPropertyList entry;
-    if (identifier) {
-        entry.setObjectForKey("identifier", identifier);
-    }
-    if (input) {
-        entry.setObjectForKey("input", input);
-    }
-    if (output) {
-        entry.setObjectForKey("output", output);
+    for (const auto& [key, value] : {std::pair{"identifier", identifier}, std::pair{"input", input},
+                                     std::pair{"output", output}}) {
+        if (value) {
+            entry.setObjectForKey(key, value);
+        }
     }
     return entry;
 }
@@ -379,25 +313,18 @@ inline KROPropertyList description(KROPropertyList::Array processors,
     return description;
 }
 
-// head <- p1 <- ... <- pN <- generator, as a description. The head is
-// "head", the generator "generator", the pass-throughs "p1" ... "pN".
-inline KROPropertyList chainDescription(int passThroughs, float offset = 0.0f) {
-    KROPropertyList::Array processors;
-    KROPropertyList head = entry("KROTestHead", "head");
-    head.setObjectForKey("isRenderHead", true);
-    processors.push_back(head);
-    for (int index = 1; index <= passThroughs; ++index) {
-        KROPropertyList passThrough =
-            entry("KROTestPassThrough", ("p" + std::to_string(index)).c_str());
-        passThrough.setObjectForKey("offset", static_cast<double>(offset));
-        processors.push_back(passThrough);
-    }
-    processors.push_back(entry("KROTestGenerator", "generator"));
+// "head" <- "p1" <- ... <- "pN" <- "generator" over "c1" ... "cN+1", each
+// pass-through scaling by gain.
+inline KROPropertyList chainDescription(int passThroughs, float gain = 1.0f) {
+    KROPropertyList::Array processors{headEntry("head", true)};
     KROPropertyList::Array connections;
     std::string downstream = "head";
     for (int index = 1; index <= passThroughs + 1; ++index) {
-        const std::string upstream =
-            index <= passThroughs ? "p" + std::to_string(index) : std::string("generator");
+        const bool last = index > passThroughs;
+        const std::string upstream = last ? "generator" : "p" + std::to_string(index);
+        processors.push_back(
+            entry(last ? "KROTestGenerator" : "KROTestPassThrough", upstream.c_str()));
+        processors.back().setObjectForKey("gain", static_cast<double>(gain));
         const std::string name = "c" + std::to_string(index);
         connections.push_back(connection(name.c_str(), upstream.c_str(), downstream.c_str()));
         downstream = upstream;
@@ -405,7 +332,7 @@ inline KROPropertyList chainDescription(int passThroughs, float offset = 0.0f) {
     return description(std::move(processors), std::move(connections));
 }
 
-template <typename T>
+template <typename T = KROAudioProcessor>
 std::shared_ptr<T> processorOf(const KROAudioStream& stream, const std::string& identifier) {
     return std::dynamic_pointer_cast<T>(stream.processorWithIdentifier(identifier));
 }

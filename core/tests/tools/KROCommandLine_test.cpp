@@ -91,3 +91,14 @@ TEST_F(KROCommandLine, EveryFailureEndsWithItsStatusAndExactMessage) {
     EXPECT_EQ(playing.status, 1);
     EXPECT_EQ(playing.output, "kro: The audio device went away while playing.\n");
 }
+
+TEST_F(KROCommandLine, PlayStartsTheTransportOfTheMixingExample) {
+    const KROCommandResult play =
+        kro("play " KRO_SOURCE_DIR "/examples/two-generators-mixed.plist --seconds 2");
+    ASSERT_EQ(play.status, 0) << play.output;
+    // The sine at half scale, the noise still far down its fade.
+    EXPECT_NE(play.output.find("1:  -6.0 dB"), std::string::npos) << play.output;
+    const std::size_t at = play.output.find("The transport stood at ");
+    ASSERT_NE(at, std::string::npos) << play.output;
+    EXPECT_GT(std::stod(play.output.substr(at + 23)), 0.5);
+}

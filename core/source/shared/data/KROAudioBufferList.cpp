@@ -8,8 +8,8 @@
 
 namespace {
 
-// The ramp of Algorithm 9 is made on the stack in blocks of this many floats,
-// so that no render block of any size reaches the heap.
+// The ramp of scaleWithRampStart is made on the stack in blocks of this many
+// floats, so that no render block of any size reaches the heap.
 constexpr std::size_t kRampBlockFrames = 1024;
 
 constexpr std::uint64_t kBytesPerFrame = sizeof(float);
@@ -245,7 +245,7 @@ float KROAudioBufferList::rmsOfChannel(std::uint32_t channel) const {
     return samples ? kro_rmsqv(samples, frames()) : 0.0f;
 }
 
-// The rms of the per-channel rms values (Part 1.2, Algorithm 10).
+// The rms of the per-channel rms values: the root of the mean of their squares.
 float KROAudioBufferList::rms() const {
     const std::uint32_t channels = numberOfChannels();
     if (channels == 0) {
@@ -261,7 +261,8 @@ float KROAudioBufferList::rms() const {
 
 float KROAudioBufferList::averageOfChannel(std::uint32_t channel) const {
     const float* samples = this->channel(channel);
-    // The mean of the magnitudes, not the signed mean: required by Part 1.2.
+    // The mean of the magnitudes, not the signed mean: the level meaning of the
+    // word, which meters and analysis rely on.
     return samples ? kro_meamgv(samples, frames()) : 0.0f;
 }
 
@@ -275,7 +276,7 @@ float KROAudioBufferList::average() const {
 
 float KROAudioBufferList::energyOfChannel(std::uint32_t channel) const {
     const float* samples = this->channel(channel);
-    // A plain sum of squares, not divided by the frame count (Part 1.2).
+    // A plain sum of squares, not divided by the frame count.
     return samples ? kro_svesq(samples, frames()) : 0.0f;
 }
 
@@ -289,7 +290,9 @@ float KROAudioBufferList::energy() const {
 
 std::int64_t KROAudioBufferList::frameGreaterThanOrEqualToMagnitude(float threshold,
                                                                     bool backwards) const {
-    // The first channel with an answer wins, not the earliest frame (Part 1.2).
+    // The first channel with an answer wins, not the earliest frame across
+    // channels: a hit in channel 0 at frame 1000 beats one in channel 1 at
+    // frame 5.
     for (std::uint32_t channel = 0; channel < numberOfChannels(); ++channel) {
         const std::int64_t frame =
             frameGreaterThanOrEqualToMagnitude(threshold, channel, backwards);

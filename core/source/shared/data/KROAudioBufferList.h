@@ -1,9 +1,10 @@
-// Part 1.2: a KROBufferList read as non-interleaved channels of 32-bit floats,
-// one frame of one channel being 4 bytes, with the sample arithmetic of the
-// processors. Every range here is in frames. Nothing but construction
-// allocates or locks, so everything else may run on the render thread.
+// A KROBufferList read as non-interleaved channels of 32-bit floats, one frame
+// of one channel being 4 bytes, with the sample arithmetic of the processors.
+// Every range here is in frames. Nothing but construction allocates or locks,
+// so everything else may run on the render thread.
 //
-// Names follow DESIGN.md section 3; the types tell every overload apart:
+// Operations are named by their first keyword; the types tell every overload
+// apart:
 //   copyFrames:ofAudioBufferList:toPosition:error:  copyFrames(range, source, position)
 //   copyFrames:ofChannel:ofAudioBufferList:toPosition:ofChannel:error:
 //                                     copyFrames(range, channel, source, position, channel)
@@ -41,7 +42,9 @@ public:
     bool setFrames(std::uint64_t frames, KROErrorPtr* error = nullptr);
     std::uint64_t frameCapacity() const { return capacity() / sizeof(float); }
 
-    // Algorithm 12: the frame is tested against frameCapacity, not frames.
+    // Bounded by the capacity, not the current length: callers read and write
+    // the tail of a short last block. Outside, a read gives 0 and a write does
+    // nothing.
     float valueAtFrame(std::uint64_t frame) const { return valueAtFrame(frame, 0); }
     float valueAtFrame(std::uint64_t frame, std::uint32_t channel) const;
     void setValue(float value, std::uint64_t frame) { setValue(value, frame, 0); }
@@ -61,8 +64,8 @@ public:
                     const KROAudioBufferList& source, std::uint64_t position,
                     std::uint32_t destinationChannel, KROErrorPtr* error = nullptr);
 
-    // Algorithm 7: adds the source into the receiver over the common channels
-    // and frames. Always true.
+    // Adds the source into the receiver over the common channels and frames.
+    // Always true.
     bool mixAudioBufferList(const KROAudioBufferList& source, KROErrorPtr* error = nullptr);
 
     void fadeIn() { scaleWithRampStart(0.0f, 1.0f); }
@@ -71,13 +74,15 @@ public:
     void scale(float value);
     void scale(float value, NSLongRange range);
     void scale(float value, std::uint32_t channel);
-    // Algorithm 8.
+    // Does nothing for a missing channel or memory; the range is cut to frames.
     void scale(float value, std::uint32_t channel, NSLongRange range);
 
     void scaleWithRampStart(float start, float end);
     void scaleWithRampStart(float start, float end, NSLongRange range);
-    // Algorithm 9: the last frame of the range is scaled by start + (n - 1) * step,
-    // one step short of end.
+    // The last frame of the range gets start + (n - 1) * step, one step short
+    // of end: hosts chain ramps block by block and rely on it, and a fade-out
+    // leaves its last frame at 1/n. The ramp lives on the stack, never on the
+    // heap.
     void scaleWithRampStart(float start, float end, std::uint32_t channel, NSLongRange range);
 
     void invert();
@@ -85,7 +90,7 @@ public:
     void reverseRange(NSLongRange range);
     void reverseChannel(std::uint32_t channel, NSLongRange range);
 
-    // Algorithm 10: over the current frames; a missing channel gives 0.
+    // Statistics over the current frames; a missing channel gives 0.
     float maximum() const;
     float maximumOfChannel(std::uint32_t channel) const;
     float minimum() const;
@@ -99,8 +104,8 @@ public:
     float energy() const;
     float energyOfChannel(std::uint32_t channel) const;
 
-    // Algorithm 11: the first frame whose magnitude is not below the threshold
-    // (a NaN sample counts), else notFound.
+    // The first frame whose magnitude is not below the threshold (a NaN sample
+    // counts), else notFound.
     std::int64_t frameGreaterThanOrEqualToMagnitude(float threshold, bool backwards) const;
     std::int64_t frameGreaterThanOrEqualToMagnitude(float threshold, std::uint32_t channel,
                                                     bool backwards) const;

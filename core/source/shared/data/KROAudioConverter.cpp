@@ -15,9 +15,9 @@ bool succeedOrFail(OSStatus status, const char* actionKey, KROErrorPtr* error) {
     return status == noErr || fail(error, status, actionKey);
 }
 
-// The pull function of Algorithm 5. It hands over the whole source each time
+// The pull function of the write path. It hands over the whole source each time
 // and keeps no position: the packets asked for are the whole source, so one
-// call satisfies the converter (Part 1.4).
+// call satisfies the converter.
 OSStatus pullWholeSource(AudioConverterRef converter, std::uint32_t* ioNumberDataPackets,
                          AudioBufferList* ioData, AudioStreamPacketDescription**, void* userData) {
     const auto& source = *static_cast<const KROAudioBufferList*>(userData);
@@ -174,7 +174,7 @@ bool KROAudioConverter::setDitherType(std::uint32_t ditherType, KROErrorPtr* err
                            "KROAudioConverter_action_settingDitherType", error);
 }
 
-// 'dith', not 'dbit': the asymmetry is kept as it stands (Part 1.4, Data model).
+// 'dith', not 'dbit': kept as it always was, so ditherBitDepth does not follow.
 bool KROAudioConverter::setDitherBitDepth(std::uint32_t ditherBitDepth, KROErrorPtr* error) {
     return setWordProperty(kAudioConverterPropertyDithering, ditherBitDepth,
                            "KROAudioConverter_action_settingDitherBitDepth", error);
@@ -224,7 +224,7 @@ bool KROAudioConverter::convertBufferInPlace(KROBufferList& list, KROErrorPtr* e
 
 bool KROAudioConverter::convertBuffer(const KROBufferList& source, KROBufferList& destination,
                                       KROErrorPtr* error) {
-    // Different counts fail with no error stored (Part 1.4, Algorithm 1).
+    // Different counts fail with no error stored: callers treat it as a plain no.
     if (source.numberOfBuffers() != destination.numberOfBuffers()) {
         return false;
     }
@@ -274,7 +274,7 @@ bool KROAudioConverter::convertInput(const void* input, std::uint64_t inBytes,
         return fail(error, kAudioConverterErr_InvalidInputSize,
                     "KROAudioConverter_action_converting");
     }
-    // On the stack, so that a read allocates nothing (Part 1.4, Performance).
+    // On the stack, so that a read allocates nothing.
     AudioBufferList list;
     list.mNumberBuffers = 1;
     list.mBuffers[0] = AudioBuffer{destination.numberOfChannels(),

@@ -1,15 +1,16 @@
-// Part 1.4: the sample format converter. A locked wrapper around one
-// AudioConverterRef: here the linear PCM path of KROLinearPCMConverter.h,
-// which says what it converts and which statuses it gives. Every failure is a
+// The sample format converter. A locked wrapper around one AudioConverterRef:
+// here the linear PCM path of KROLinearPCMConverter.h, which says what it
+// converts and which statuses it gives. Every failure is a
 // KROAudioConverterError with that status as its code, so the four-character
-// reasons of Part 1.1 ("KROAudioConverterError_failureReason_fmt?") apply.
+// failure reasons of the string table
+// ("KROAudioConverterError_failureReason_fmt?") apply.
 //
 // The lock serialises every conversion (pull function included), every
 // property write, reset and disposal; property reads take none. Conversions
 // allocate nothing, so the file handlers may call them from any thread.
 //
-// Names follow DESIGN.md section 3. Operations that share a first keyword and
-// that C++ could not tell apart, or that would pick the wrong overload for a
+// Operations are named by their first keyword. Those that share it and that C++
+// could not tell apart, or that would pick the wrong overload for a
 // KROAudioBufferList, join their keywords:
 //   convertInput:inFrames:toOutput:outFrames:error:  convertInputInFrames(...)
 //   convertInput:inBytes:toOutput:outBytes:error:    convertInputInBytes(...)
@@ -53,7 +54,7 @@ public:
     // The same object, or a KROAudioConverter that passes isEqualToConverter.
     bool isEqual(const KROObject& other) const override;
     // Compares only the input descriptions; output formats play no part, on
-    // purpose (Part 1.4).
+    // purpose: two converters that read the same input count as one.
     bool isEqualToConverter(const KROAudioConverter& other) const;
     std::size_t hash() const override;
 
@@ -76,8 +77,8 @@ public:
     bool setQuality(std::uint32_t quality, KROErrorPtr* error = nullptr);
     bool setBitrate(std::uint32_t bitrate, KROErrorPtr* error = nullptr);
     bool setDitherType(std::uint32_t ditherType, KROErrorPtr* error = nullptr);
-    // Writes the dither type ('dith'), not the depth ('dbit'): kept as it
-    // stands (Part 1.4, Data model).
+    // Writes the dither type ('dith'), not the depth ('dbit'), so that
+    // ditherBitDepth does not follow: kept as it always was.
     bool setDitherBitDepth(std::uint32_t ditherBitDepth, KROErrorPtr* error = nullptr);
 
     // The compression cookie; a failure is shown by alert() and gives none.
@@ -90,29 +91,29 @@ public:
 
     // convertBuffer with the same list twice.
     bool convertBufferInPlace(KROBufferList& list, KROErrorPtr* error = nullptr);
-    // Algorithm 1: false with no error stored when the buffer counts differ;
-    // else each pair of buffers by convertInputInBytes with the lists' lengths.
+    // False with no error stored when the buffer counts differ; else each pair
+    // of buffers by convertInputInBytes with the lists' lengths.
     bool convertBuffer(const KROBufferList& source, KROBufferList& destination,
                        KROErrorPtr* error = nullptr);
     // Floats: convertInputInBytes on the same memory, frames * 4 bytes.
     bool convertInPlace(float* data, std::uint64_t frames, KROErrorPtr* error = nullptr);
     bool convertInputInFrames(const float* input, std::uint64_t inFrames, float* output,
                               std::uint64_t outFrames, KROErrorPtr* error = nullptr);
-    // Algorithm 2: AudioConverterConvertBuffer; the bytes written are not told.
+    // A fixed ratio of bytes, no rate change; the bytes written are not told.
     bool convertInputInBytes(const void* input, std::uint64_t inBytes, void* output,
                              std::uint64_t outBytes, KROErrorPtr* error = nullptr);
-    // Algorithm 3, the read path of the file handlers: the frame count is the
-    // destination's frames, which the caller has set to what it read.
+    // The read path of the file handlers: the frame count is the destination's
+    // frames, which the caller has set to what it read.
     bool convertInput(const void* input, std::uint64_t inBytes, KROAudioBufferList& destination,
                       KROErrorPtr* error = nullptr);
-    // Algorithm 4: as Algorithm 3 with the source's own list.
+    // As convertInput, with the source's own list.
     bool convertBufferToAudioBuffer(const KROBufferList& source, KROAudioBufferList& destination,
                                     KROErrorPtr* error = nullptr);
-    // Algorithm 5, the write path: packets written, 0 on failure.
+    // The write path of the file handlers: packets written, 0 on failure.
     std::uint32_t convertAudioBuffer(const KROAudioBufferList& source, KROBufferList& destination,
                                      KROErrorPtr* error = nullptr);
-    // Algorithm 6: packets written, 0 on failure; fewer than the destination's
-    // frames means the callback reached the end of its data.
+    // Packets written, 0 on failure; fewer than the destination's frames means
+    // the callback reached the end of its data.
     std::uint32_t convertToAudioBufferUsingCallback(KROAudioBufferList& destination,
                                                     KROErrorPtr* error = nullptr);
 

@@ -1,8 +1,7 @@
-// Part 1.2: a KROAudioBufferList read as a circular store addressed by an
-// absolute frame number. The ring keeps no cursor: the caller carries the
-// frame. The ring's length is its current frames. None of the four transfers
-// allocates, locks or reports anything; a transfer the ring cannot take is
-// silently skipped.
+// A KROAudioBufferList read as a circular store addressed by an absolute frame
+// number. The ring keeps no cursor: the caller carries the frame. The ring's
+// length is its current frames. None of the four transfers allocates, locks or
+// reports anything; a transfer the ring cannot take is silently skipped.
 #pragma once
 
 #include <cstdint>
@@ -30,8 +29,8 @@ public:
                          KROAudioBufferList& buffer, std::int64_t frame) const;
 
 private:
-    // Algorithm 13: calls transfer(ring position, other position, count) for
-    // the one or two pieces that cover otherFrames frames from frame on.
+    // Calls transfer(ring position, other position, count) for the one or two
+    // pieces that cover otherFrames frames from frame on.
     template <typename Transfer>
     void forEachPiece(std::uint64_t otherFrames, std::int64_t frame, Transfer transfer) const;
 };

@@ -62,9 +62,8 @@ struct PacketShape {
     std::uint32_t bitsPerChannel;
 };
 
-// The formats the team fills (Part 1.3, Left to the implementer): the
-// companded formats of the converter and the compressed formats that the
-// file handlers meet.
+// The formats complete() can fill: the companded formats of the converter and
+// the compressed formats that the file handlers meet.
 constexpr std::array<PacketShape, 14> packetShapes{{
     {kAudioFormatULaw, 1, 1, 8},
     {kAudioFormatALaw, 1, 1, 8},
@@ -114,7 +113,7 @@ struct FormatName {
     const char* name;
 };
 
-// Algorithm 3's table.
+// The display names of formatName().
 constexpr std::array<FormatName, 29> formatNames{{
     {kAudioFormatMPEGLayer1, "MPEG-1/2, Layer 1"},
     {kAudioFormatMPEGLayer2, "MPEG-1/2, Layer 2"},
@@ -208,8 +207,9 @@ void KROAudioStreamDescription::clear() {
     record_ = AudioStreamBasicDescription{};
 }
 
-// Algorithm 1. The remainder of bits / 8 is dropped on purpose (Part 1.3):
-// 12-bit audio has 1 byte per channel here.
+// The remainder of bits / 8 is dropped on purpose, not rounded up: 12-bit audio
+// has 1 byte per channel here, and callers that want 16-bit containers set them
+// themselves.
 void KROAudioStreamDescription::refresh() {
     if (record_.mFormatID != kAudioFormatLinearPCM) {
         return;
@@ -280,9 +280,9 @@ void KROAudioStreamDescription::setFlags(AudioFormatFlags flags) {
     refresh();
 }
 
-// Algorithm 2. The service works on a copy, as the platform's does with its
-// in-out record, and the result is kept whatever the status: on failure the
-// record stays as the service left it, which here is unchanged.
+// The service works on a copy, as the platform's does with its in-out record,
+// and the result is kept whatever the status: on failure the record stays as
+// the service left it, which here is unchanged.
 void KROAudioStreamDescription::complete() {
     AudioStreamBasicDescription record = record_;
     const OSStatus status = audioFormatGetFormatInfo(record);

@@ -1,10 +1,10 @@
-// Part 1.3: stream descriptions. An object around one
-// AudioStreamBasicDescription record that keeps the derived byte counts of
-// linear PCM true as rate, channels, depth or flags change, and names formats.
-// A plain value object used by one thread at a time.
+// Stream descriptions: an object around one AudioStreamBasicDescription record
+// that keeps the derived byte counts of linear PCM true as rate, channels,
+// depth or flags change, and names formats. A plain value object used by one
+// thread at a time.
 //
-// Names follow DESIGN.md section 3, with two exceptions forced by the root
-// object, whose description() is the text a person reads:
+// Operations are named by their first keyword, with two exceptions forced by
+// the root object, whose description() is the text a person reads:
 //   +description  ->  defaultDescription()   (a new object with the defaults)
 //   description   ->  basicDescription()     (the address of the record)
 #pragma once
@@ -20,7 +20,7 @@ class KROAudioStreamDescription : public KROObject {
     KRO_DECLARE_CLASS(KROAudioStreamDescription)
 
 public:
-    // The defaults of Part 1.3: one channel of non-interleaved 32-bit float at
+    // The working format: one channel of non-interleaved 32-bit float at
     // 44100 Hz. make_shared alone gives them; the init operations reset them.
     KROAudioStreamDescription();
 
@@ -42,7 +42,8 @@ public:
 
     // All nine fields to zero.
     void clear();
-    // Algorithm 1.
+    // For linear PCM only: bytes per frame and per packet from depth, channels
+    // and the non-interleaved flag. Other formats are left alone.
     void refresh();
 
     // Only for an object of this class that passes isEqualToDescription.
@@ -73,12 +74,12 @@ public:
     std::uint32_t framesPerPacket() const { return record_.mFramesPerPacket; }
     std::uint32_t bytesPerPacket() const { return record_.mBytesPerPacket; }
 
-    // Algorithm 2: fills what is missing for the formats of the table in the
-    // source file. For any other format the record stays as it is and a
+    // Fills what is missing for the formats of the table in the source file.
+    // For any other format the record stays as it is and a
     // KROAudioStreamDescriptionError is shown through alert().
     void complete();
 
-    // Algorithm 3: fixed English names, not localized; "unknown" for the rest.
+    // Fixed English names, not localized; "unknown" for the rest.
     std::string formatName() const;
 
 private:

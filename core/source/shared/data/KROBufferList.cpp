@@ -159,7 +159,8 @@ std::shared_ptr<KROBufferList> KROBufferList::bufferListWithBufferList(AudioBuff
 
 std::shared_ptr<KROBufferList> KROBufferList::copy() const {
     auto copy = bufferListWithNumberOfBuffers(numberOfBuffers(), capacity_);
-    // The copy keeps length = capacity, not the receiver's length (Part 1.2).
+    // The copy keeps length = capacity, not the receiver's length; only the
+    // receiver's length is copied and the rest stays zero.
     if (!copy || !copy->copyRange(NSMakeLongRange(0, length()), *this, 0)) {
         return nullptr;
     }
@@ -201,7 +202,7 @@ void KROBufferList::clearRangeOfBufferAtIndex(NSLongRange range, std::uint32_t i
 
 bool KROBufferList::copyBufferList(const KROBufferList& source, KROErrorPtr* error) {
     // The copy-range key for the count and the copy-buffer key for the length
-    // are swapped on purpose: required by Part 1.2.
+    // are swapped on purpose: hosts match these messages and rely on them.
     if (numberOfBuffers() != source.numberOfBuffers()) {
         return fail(error, 11, kActionCopyRange);
     }
@@ -280,7 +281,7 @@ std::uint64_t KROBufferList::length() const {
 
 bool KROBufferList::setLength(std::uint64_t length, KROErrorPtr* error) {
     if (length > capacity_) {
-        // Shares code 17 with the primitive copy on purpose (Part 1.2).
+        // Shares code 17 with the primitive copy on purpose: hosts test for it.
         return fail(error, 17, kActionSetLength);
     }
     for (std::uint32_t index = 0; index < numberOfBuffers(); ++index) {

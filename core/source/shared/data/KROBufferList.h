@@ -1,11 +1,11 @@
-// Part 1.2: buffer lists. A KROBufferList is a list of equally long byte
-// buffers with one fixed capacity, laid out as the platform's AudioBufferList
-// record so that the same memory can be handed to a callback or a converter
-// without copying. Single-owner work buffer: no lock, one thread at a time.
+// Buffer lists. A KROBufferList is a list of equally long byte buffers with one
+// fixed capacity, laid out as the platform's AudioBufferList record so that the
+// same memory can be handed to a callback or a converter without copying.
+// Single-owner work buffer: no lock, one thread at a time.
 //
-// Names follow DESIGN.md section 3 (first keyword, overloads where the types
-// tell the operations apart). One name joins its keywords because C++ cannot
-// tell it apart from KROAudioBufferList's clearRange:ofChannel::
+// Operations are named by their first keyword, overloads where the types tell
+// them apart. One name joins its keywords because C++ cannot tell it apart from
+// KROAudioBufferList's clearRange:ofChannel::
 //   clearRange:ofBufferAtIndex:  ->  clearRangeOfBufferAtIndex(range, index)
 // In every copy the receiver is the destination and the argument the source.
 #pragma once
@@ -28,11 +28,11 @@ public:
     KROBufferList& operator=(const KROBufferList&) = delete;
     ~KROBufferList() override;
 
-    // Algorithm 1: an owned list of count buffers of capacity bytes each, all
-    // zero, with length equal to capacity.
+    // An owned list of count buffers of capacity bytes each, all zero, with
+    // length equal to capacity.
     bool initWithNumberOfBuffers(std::uint32_t count, std::uint64_t capacity,
                                  KROErrorPtr* error = nullptr);
-    // Algorithm 2: wraps a foreign record without copying or owning it.
+    // Wraps a foreign record without copying or owning it.
     bool initWithBufferList(AudioBufferList* list, KROErrorPtr* error = nullptr);
 
     static std::shared_ptr<KROBufferList>
@@ -41,8 +41,9 @@ public:
     static std::shared_ptr<KROBufferList> bufferListWithBufferList(AudioBufferList* list,
                                                                    KROErrorPtr* error = nullptr);
 
-    // Algorithm 3: always a plain KROBufferList, whatever the receiver's class;
-    // none when the copy fails.
+    // Always a plain KROBufferList, whatever the receiver's class, so a copy of
+    // an audio list has no frame operations; its length is its capacity, the
+    // receiver's length copied in. None when the copy fails.
     std::shared_ptr<KROBufferList> copy() const;
 
     std::string description() const override;
@@ -54,15 +55,18 @@ public:
     // The range is intersected with the current length; the index is not checked.
     void clearRangeOfBufferAtIndex(NSLongRange range, std::uint32_t index);
 
-    // Algorithm 5. Same buffer count and same length required.
+    // Same buffer count and same length required.
     bool copyBufferList(const KROBufferList& source, KROErrorPtr* error = nullptr);
-    // Algorithm 5. The same byte range of every buffer; same buffer count required.
+    // The same byte range of every buffer; same buffer count required. Stops at
+    // the first failure, leaving the buffers done so far changed.
     bool copyRange(NSLongRange range, const KROBufferList& source, std::uint64_t position,
                    KROErrorPtr* error = nullptr);
-    // Algorithm 5. One whole buffer; same length required.
+    // One whole buffer; same length required.
     bool copyBufferAtIndex(std::uint32_t sourceIndex, const KROBufferList& source,
                            std::uint32_t destinationIndex, KROErrorPtr* error = nullptr);
-    // Algorithm 4, the primitive copy; all other copies end here.
+    // The primitive copy; all other copies end here. Both limits are the
+    // current lengths, not the capacities; overlap inside one buffer is not
+    // handled.
     bool copyRange(NSLongRange range, std::uint32_t sourceIndex, const KROBufferList& source,
                    std::uint64_t position, std::uint32_t destinationIndex,
                    KROErrorPtr* error = nullptr);
@@ -74,7 +78,8 @@ public:
 
     // Buffer 0's current byte length.
     std::uint64_t length() const;
-    // Algorithm 6. The length is stored in 32 bits in every buffer.
+    // The length is stored in 32 bits in every buffer; above the capacity fails
+    // and changes nothing.
     bool setLength(std::uint64_t length, KROErrorPtr* error = nullptr);
 
     AudioBufferList* audioBufferList() { return bufferList_; }

@@ -15,7 +15,7 @@ KRO_REGISTER_CLASS(KROLevelMeterAudioProcessor, KROAudioProcessor)
 
 namespace {
 
-// Part 4.2: -24 dB, given as bits 0x3d813855 (the decimal 0.06309573 would
+// -24 dB, given as bits 0x3d813855 (the decimal 0.06309573 would
 // round to the next float up).
 constexpr float minus24Decibels = std::bit_cast<float>(0x3d813855u);
 
@@ -26,7 +26,7 @@ constexpr double referenceDateOffset = 978307200.0;
 
 const std::vector<KROLevelMeterAudioProcessor::Ballistic>&
 KROLevelMeterAudioProcessor::ballistics() {
-    // Part 4.2, Ballistics table: the nearest floats of the written decimals.
+    // The nearest floats of the written decimals.
     static const std::vector<Ballistic> table = {
         {"vu", 0.01f, 0.3f, 0.01f, 0.3f, false, 0.0f},
         {"digital", 0.333f, 0.0017f, 0.1f, 0.85f, false, 0.0f},
@@ -94,7 +94,7 @@ bool KROLevelMeterAudioProcessor::reset(KROErrorPtr* /*error*/) {
 
 void KROLevelMeterAudioProcessor::allocateForChannels(std::uint64_t channels) {
     freeArrays();
-    // Zeroed by value-initialisation. The Part's initialisation cannot fail:
+    // Zeroed by value-initialisation. Initialisation cannot fail:
     // without memory the meter simply has no arrays and measures nothing.
     levels_.reset(new (std::nothrow) std::atomic<float>[channels]());
     clipTimes_.reset(new (std::nothrow) std::atomic<double>[channels]());
@@ -159,12 +159,12 @@ void KROLevelMeterAudioProcessor::setValue(const KROPropertyList& value, const s
 
 void KROLevelMeterAudioProcessor::setBallistic(const std::string& name) {
     ballistic_ = name;
-    // Part 4.2: the empty string selects the first row, "vu".
+    // The empty string selects the first row, "vu".
     const std::string& wanted = name.empty() ? std::string(ballistics().front().name) : name;
     const auto& table = ballistics();
     const auto row = std::find_if(table.begin(), table.end(),
                                   [&](const Ballistic& entry) { return wanted == entry.name; });
-    // Part 4.2: a name not in the table keeps the earlier numbers.
+    // A name not in the table keeps the earlier numbers.
     if (row == table.end()) {
         return;
     }
@@ -172,7 +172,7 @@ void KROLevelMeterAudioProcessor::setBallistic(const std::string& name) {
     riseTime_.store(row->riseTime, std::memory_order_relaxed);
     fallAmount_.store(row->fallAmount, std::memory_order_relaxed);
     fallTime_.store(row->fallTime, std::memory_order_relaxed);
-    // Part 4.2: stored and never applied to the levels; rows without a hold
+    // Stored and never applied to the levels; rows without a hold
     // of their own leave the last value.
     if (row->setsHoldTime) {
         holdTime_.store(row->holdTime, std::memory_order_relaxed);
@@ -223,7 +223,7 @@ void KROLevelMeterAudioProcessor::calculateLevelsForBuffer(const KROAudioBufferL
             std::min<std::uint64_t>(channel, std::numeric_limits<std::uint32_t>::max()));
         const float magnitude = buffer.magnitudeOfChannel(index);
         applyLaw(channel, measureOfChannel(buffer, index, magnitude), seconds);
-        // Part 4.2: a clip is strictly more than full scale, whatever the
+        // A clip is strictly more than full scale, whatever the
         // measurement.
         if (magnitude > 1.0f) {
             clipTimes_[channel].store(now(), std::memory_order_relaxed);
@@ -300,7 +300,7 @@ bool KROLevelMeterAudioProcessor::isClippedForChannel(std::uint64_t channel) con
     }
     const double clipTime = clipTimes_[channel].load(std::memory_order_relaxed);
     const double hold = clipHoldLength();
-    // Part 4.2: a negative hold shows the first clip until reset.
+    // A negative hold shows the first clip until reset.
     if (hold < 0.0) {
         return clipTime != 0.0;
     }

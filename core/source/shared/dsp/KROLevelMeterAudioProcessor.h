@@ -1,4 +1,4 @@
-// Part 4.2: a pass-through level meter. Audio flows on untouched, while each
+// A pass-through level meter. Audio flows on untouched, while each
 // block moves one displayed level per channel by a named ballistic (a rise
 // and a fall law) and notes the wall-clock time of any clip. A display polls
 // level, levelOfChannel, isClipped and isClippedForChannel from its own
@@ -32,10 +32,10 @@ public:
     // (the platform's timeIntervalSinceReferenceDate).
     using Clock = std::function<double()>;
 
-    // Part 4.2: the level read with no array, the smallest normal float, bits
+    // The level read with no array, the smallest normal float, bits
     // 0x00800000.
     static constexpr float noLevel = std::bit_cast<float>(0x00800000u);
-    // Part 4.2: the "aes17" factor, 3 dB, so that a full-scale sine reads 1.0.
+    // The "aes17" factor, 3 dB, so that a full-scale sine reads 1.0.
     static constexpr double aes17Factor = 1.4125375446227544;
 
     static constexpr const char* ballisticsKey = "ballistics";
@@ -53,7 +53,7 @@ public:
         bool setsHoldTime;
         float holdTime;
     };
-    // The table of Part 4.2, "vu" first.
+    // The named ballistics, "vu" first: the empty name selects it.
     static const std::vector<Ballistic>& ballistics();
 
     // The system's wall clock, in seconds since the reference date.
@@ -82,7 +82,10 @@ public:
     std::optional<KROPropertyList> valueForParameterKey(const std::string& key) const override;
     void setValue(const KROPropertyList& value, const std::string& key) override;
 
-    // Part 4.2, Algorithm: one step of the law per channel, and the clip test.
+    // One step of the law per channel, and the clip test: the level moves
+    // exponentially toward the block's measure, so that after riseTime (or
+    // fallTime) seconds only riseAmount (or fallAmount) of the distance is
+    // left; a time of 0 jumps.
     void calculateLevelsForBuffer(const KROAudioBufferList& buffer);
 
     // The largest level; noLevel with no array, 0 with no channels.
@@ -120,7 +123,8 @@ public:
     float riseTime() const { return riseTime_.load(std::memory_order_relaxed); }
     float fallAmount() const { return fallAmount_.load(std::memory_order_relaxed); }
     float fallTime() const { return fallTime_.load(std::memory_order_relaxed); }
-    // Stored from the table and never applied to the levels (Part 4.2).
+    // Stored from the table and never applied to the levels: the three
+    // "peakHold" rows differ in nothing else, and no hold stage is added.
     float holdTime() const { return holdTime_.load(std::memory_order_relaxed); }
 
     // The wall clock that the clip hold reads; none restores the system's.

@@ -1,4 +1,4 @@
-// Part 4.7: a note as the note-driven voices receive it, a plain value with
+// A note as the note-driven voices receive it, a plain value with
 // no behaviour beyond its accessors. A host thread may write a note while a
 // performer reads it, so both fields are relaxed atomics (DESIGN.md
 // section 5).

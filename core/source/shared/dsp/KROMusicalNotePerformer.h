@@ -1,5 +1,5 @@
-// Part 4.7: the role of an object that plays notes, taken by the sine voices
-// (KROSineWaveSynthAudioGenerator) and Part 4.8's FM synth. All three
+// The role of an object that plays notes, taken by the note-driven voices
+// such as KROSineWaveSynthAudioGenerator. All three
 // operations are required; each takes a set of notes and returns nothing.
 #pragma once
 

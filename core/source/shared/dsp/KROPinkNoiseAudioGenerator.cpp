@@ -11,7 +11,7 @@ KRO_REGISTER_CLASS(KROPinkNoiseAudioGenerator, KROAudioGenerator)
 
 namespace {
 
-// Part 4.7: shared by every instance and every channel of the process,
+// Shared by every instance and every channel of the process,
 // starts at 22222 and is never reset. Racy between streams by design; an
 // atomic only so that the race is defined.
 std::atomic<std::int64_t> sharedRandSeed{KROPinkNoiseAudioGenerator::initialRandSeed};
@@ -27,7 +27,7 @@ bool KROPinkNoiseAudioGenerator::initializeForRender(KROErrorPtr* /*error*/) {
     const std::uint64_t channels = connection ? connection->numberOfChannels() : 0;
     Noise fresh;
     fresh.indexMask = indexMask;
-    // The Part's initialisation cannot fail: without memory for an absurd
+    // Initialisation cannot fail: without memory for an absurd
     // channel count the generator has no records and renders silence.
     try {
         noise_.assign(channels, fresh);
@@ -66,7 +66,7 @@ void KROPinkNoiseAudioGenerator::renderFrames(std::uint64_t frames, std::uint32_
     }
     // The block runs on a local copy of the shared seed, written back at its
     // end: on one thread the sequence of draws is the same as with the
-    // global itself, and the Part asks for no more between threads.
+    // global itself, and nothing relies on more between threads.
     std::int64_t seed = sharedRandSeed.load(std::memory_order_relaxed);
     for (std::uint64_t frame = 0; frame < frames; ++frame) {
         for (std::uint32_t channel = 0; channel < channels; ++channel) {

@@ -1,4 +1,4 @@
-// Part 4.7: pink noise by the Voss-McCartney row method: 19 octave rows of
+// Pink noise by the Voss-McCartney row method: 19 octave rows of
 // held random values and one white value summed per sample. Every instance
 // and every channel draws from one process-wide seed, so channels are
 // decorrelated and streams that run at once disturb each other's sequence;
@@ -23,7 +23,8 @@ public:
     static constexpr std::int32_t indexMask = 0x7ffff;
     // The seed of the process at its start.
     static constexpr std::int64_t initialRandSeed = 22222;
-    // Part 4.7: one tenth of 2 to the minus 23, given as bits 0x324ccccd.
+    // One tenth of 2^-23, written as its bits so every compiler yields the
+    // same float.
     static constexpr float scale = std::bit_cast<float>(0x324ccccdu);
 
     // The state of one channel.
@@ -40,7 +41,10 @@ public:
     bool initializeForRender(KROErrorPtr* error = nullptr) override;
     // Frees the records; succeeds.
     bool uninitialize(KROErrorPtr* error = nullptr) override;
-    // Part 4.7, Pink block. Looks at neither the render info nor the bus.
+    // For each frame, for each channel: the index advances; unless it wraps
+    // to 0, the row of its trailing zero bits draws anew; then a white value
+    // is drawn and added to the rows' sum. Looks at neither the render info
+    // nor the bus.
     // Channels without a record (a buffer wider than the connection, or no
     // initialisation) are cleared.
     void render(KROAudioBufferList& buffer, KROAudioOutputBus& bus,

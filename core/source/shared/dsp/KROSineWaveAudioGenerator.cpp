@@ -35,8 +35,8 @@ double KROSineWaveAudioGenerator::outputSampleRate() const {
 float KROSineWaveAudioGenerator::advancedPhase(float lastPhase, std::uint64_t frames,
                                                double sampleRate, float frequency) {
     const double cycles = (static_cast<double>(frames) / sampleRate) * frequency;
-    // Part 4.7: only the fractional cycles are added and the sum is never
-    // wrapped; lastPhase climbs without bound, as required.
+    // Kept: only the fractional cycles are added and the sum is never
+    // wrapped, so lastPhase climbs without bound; the samples depend on it.
     const double phase = lastPhase + (cycles - std::floor(cycles)) * twoPi;
     const auto result = static_cast<float>(phase);
     return std::isfinite(result) ? result : lastPhase;
@@ -59,6 +59,6 @@ void KROSineWaveAudioGenerator::render(KROAudioBufferList& buffer, KROAudioOutpu
     for (std::uint32_t channel = 1; channel < buffer.numberOfChannels(); ++channel) {
         buffer.copyChannel(0, buffer, channel);
     }
-    // Step 5 reads the frequency afresh.
+    // The phase update reads the frequency afresh.
     lastPhase_ = advancedPhase(lastPhase_, frames, sampleRate, this->frequency());
 }

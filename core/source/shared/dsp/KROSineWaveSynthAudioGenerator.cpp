@@ -41,7 +41,7 @@ void KROSineWaveSynthAudioGenerator::notesBegan(const KROMusicalNoteSet& notes) 
 }
 
 void KROSineWaveSynthAudioGenerator::notesChanged(const KROMusicalNoteSet& notes) {
-    // Part 4.7: any one note, the set's arbitrary first member; the others
+    // Any one note, the set's arbitrary first member; the others
     // are ignored.
     if (notes.empty() || !*notes.begin()) {
         return;
@@ -77,8 +77,8 @@ void KROSineWaveSynthAudioGenerator::render(KROAudioBufferList& buffer, KROAudio
                                             static_cast<double>(ramp));
         }
     }
-    // Part 4.7: copied into every channel from 0 up, channel 0 itself
-    // included, a self-copy that leaves the data as it was.
+    // Copied into every channel from 0 up, channel 0 itself included: a
+    // self-copy that leaves the data as it was.
     for (std::uint32_t channel = 0; channel < buffer.numberOfChannels(); ++channel) {
         buffer.copyChannel(0, buffer, channel);
     }

@@ -1,4 +1,4 @@
-// Part 4.7: a note-driven sine voice. Notes set its frequency and its target
+// A note-driven sine voice. Notes set its frequency and its target
 // level; each block ramps the gain linearly from the level reached at the end
 // of the previous block to the target, so that successive blocks join
 // without a step. It has no settings keys of its own.
@@ -15,7 +15,7 @@ class KROSineWaveSynthAudioGenerator : public KROAudioGenerator, public KROMusic
 
 public:
     static constexpr float defaultFrequency = 1000.0f;
-    // Part 4.7: the silence level is the most negative finite float, bits
+    // The silence level is the most negative finite float, bits
     // 0xff7fffff; powf(10, silence / 20) is 0.
     static constexpr float silenceLevel = std::bit_cast<float>(0xff7fffffu);
 
@@ -25,7 +25,10 @@ public:
     bool initializeForRender(KROErrorPtr* error = nullptr) override;
     // As initializeForRender.
     bool reset(KROErrorPtr* error = nullptr) override;
-    // Part 4.7, Synth block. Looks at neither the render info nor the bus.
+    // The sine of the tone times a gain ramp from powf(10, lastLevel / 20)
+    // to powf(10, level / 20) that reaches the target only at the frame after
+    // the block, so that blocks join without a step; then lastLevel becomes
+    // level. Looks at neither the render info nor the bus.
     void render(KROAudioBufferList& buffer, KROAudioOutputBus& bus,
                 KROAudioStreamRenderInfo& info) override;
 
@@ -50,7 +53,7 @@ public:
     float lastLevel() const { return lastLevel_; }
 
     // The frequency of a semitone: the subtraction and division in single
-    // precision, the exponential and the product in double (Part 4.7).
+    // precision, the exponential and the product in double.
     static float frequencyOfSemitone(float semitone);
 
 private:

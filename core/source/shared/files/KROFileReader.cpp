@@ -65,8 +65,9 @@ void KROFileReader::setCached(bool cached) {
 }
 
 void KROFileReader::setNoCache(bool noCache) {
-    // Part 3.1, Left to the implementer: F_NOCACHE becomes advice. NOREUSE
-    // lets the kernel drop the pages first; it never slows the read itself.
+    // Linux has no per-descriptor no-cache flag, so it becomes advice.
+    // NOREUSE lets the kernel drop the pages first; it never slows the read
+    // itself.
     if (file_ != nullptr) {
         ::posix_fadvise(::fileno(file_), 0, 0, noCache ? POSIX_FADV_NOREUSE : POSIX_FADV_NORMAL);
     }
@@ -92,7 +93,7 @@ bool KROFileReader::loadIntoMemory(KROErrorPtr* error) {
     contents_ = static_cast<std::uint8_t*>(memory);
     contentsLength_ = size;
     // Locked so that a real-time reader never takes a page fault; without the
-    // privilege the image is plain memory, which Part 3.1 allows.
+    // privilege the image is plain memory, which still works.
     ::mlock(contents_, contentsLength_);
     setNoCache(true);
     return readWholeFile(error);
@@ -246,7 +247,7 @@ bool KROFileReader::getBufferFromMemory(void* buffer, std::size_t* length, KROEr
     if (count == *length) {
         return true;
     }
-    // Part 3.1 (required): the count stays as the caller set it.
+    // Kept: the count stays as the caller set it; handlers read it so.
     return KROFail<KROFileError>(error, endOfFileCode, "KROFile_action_reading");
 }
 
@@ -269,8 +270,8 @@ bool KROFileReader::getBufferFromStream(void* buffer, std::size_t* length, KROEr
         *length = count;
         return KROFail<KROFileError>(error, endOfFileCode, "KROFile_action_reading");
     }
-    // Part 3.1 (required): fewer bytes with neither error nor end of file
-    // succeed, the count unchanged.
+    // Kept, a deliberately lenient case: fewer bytes with neither error nor
+    // end of file succeed, the count unchanged.
     return true;
 }
 

@@ -1,4 +1,4 @@
-// Part 3.1: KROFileReader, a positioned reader over a stream file, with an
+// KROFileReader, a positioned reader over a stream file, with an
 // optional whole-file memory image and a reader of the file's resource fork.
 // Values pass in the host's byte order; only getFourCharCode swaps.
 #pragma once
@@ -66,7 +66,10 @@ public:
     // A new block of length bytes; on failure data is left alone.
     bool getData(KROData& data, std::size_t length, KROErrorPtr* error = nullptr);
     // length points to the requested count; a null pointer is a successful
-    // no-op. See Part 3.1 Algorithms for what the count holds after a failure.
+    // no-op. After a failure the count holds: in memory, the request as it
+    // was; on the stream, 0 after a stream error and the bytes read at the
+    // end of the file. A short read that meets neither succeeds with the
+    // count unchanged.
     bool getBuffer(void* buffer, std::size_t* length, KROErrorPtr* error = nullptr);
     // Stream only: not for use after loadIntoMemory.
     bool ungetCharValue(std::uint8_t value, KROErrorPtr* error = nullptr);

@@ -1,4 +1,4 @@
-// Part 3.1: one resource of a file's resource fork.
+// One resource of a file's resource fork.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Part 3.1: the stream behaviour that KROFileReader and KROFileWriter share:
+// The stream behaviour that KROFileReader and KROFileWriter share:
 // positions through ftello and fseeko, failures as KROFileError carrying errno.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Part 3.1, moveTo: and copyTo: on Linux: the file manager's move and copy.
+// The move and copy behind kro::moveTo and kro::copyTo.
 // A move is a rename within a file system, atomic to readers. Neither a move
 // nor a copy ever replaces an existing target (renameat2 RENAME_NOREPLACE).
 // Across file systems a move copies into a temporary item in the target's

@@ -1,4 +1,4 @@
-// Part 3.1: KROFileWriter, a positioned writer over a stream opened for
+// KROFileWriter, a positioned writer over a stream opened for
 // update. The file must exist (kro::createFile). Values go out in the host's
 // byte order.
 #pragma once

@@ -1,6 +1,5 @@
-// Part 3.1, Left to the implementer: where a file's resource fork lives on
-// Linux. Linux has no "..namedfork/rsrc"; tools that carry Mac files keep the
-// fork beside the file instead. The places are tried in this order, and the
+// Where a file's resource fork lives on Linux. Linux has no "..namedfork/rsrc"; tools that carry
+// Mac files keep the fork beside the file instead. The places are tried in this order, and the
 // first that holds a non-empty fork wins:
 //   1. <file>/..namedfork/rsrc (a file system that offers it),
 //   2. ._<name> beside the file (macOS archivers, libsndfile's SD2 writer),

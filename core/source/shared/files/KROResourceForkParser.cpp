@@ -9,8 +9,8 @@ namespace {
 using Bytes = KROResourceForkParser::Bytes;
 
 // A bounds-checked big-endian view of the fork. Every read answers none when
-// it would leave the bytes: Part 3.1 leaves the walk unchecked, which is no
-// option for code that must never read past a buffer.
+// it would leave the bytes: a fork's lists are not trusted, and code that
+// reads untrusted bytes must never read past a buffer.
 class BigEndianView {
 public:
     explicit BigEndianView(Bytes bytes) : bytes_(bytes) {}
@@ -63,14 +63,14 @@ private:
     Bytes bytes_;
 };
 
-// The positions of step 2, all absolute within the fork.
+// The positions that the header gives, all absolute within the fork.
 struct ForkLayout {
     std::uint64_t dataOffset = 0;
     std::uint64_t typeList = 0;
     std::uint64_t nameList = 0;
 };
 
-// Step 2: the header's checks. None when one fails.
+// The header's checks. None when one fails.
 std::optional<ForkLayout> forkLayout(const BigEndianView& fork) {
     const auto dataOffset = fork.u32(0);
     const auto mapOffset = fork.u32(4);
@@ -96,11 +96,11 @@ std::optional<ForkLayout> forkLayout(const BigEndianView& fork) {
     return layout;
 }
 
-// Step 6: a Pascal string of Mac Roman text, cut at the fork's end. Writers
+// A Pascal string of Mac Roman text, cut at the fork's end. Writers
 // do leave names running past it (libsndfile's SD2 forks end inside their
 // last name), and a reader that wants their resources must take them. The
-// length byte is read as signed (Part 3.1); sign-extended, a negative length
-// runs to the end of the fork like any other too long one.
+// length byte is read as signed; sign-extended, a negative length runs to
+// the end of the fork like any other too long one.
 std::string resourceName(const BigEndianView& fork, const ForkLayout& layout,
                          std::uint16_t nameOffset) {
     if (nameOffset == 0xFFFF) {
@@ -118,7 +118,7 @@ std::string resourceName(const BigEndianView& fork, const ForkLayout& layout,
     return KROResourceForkParser::stringFromMacRoman(*fork.range(start, count));
 }
 
-// Step 7: the 32-bit length at the data position and the bytes after it.
+// The 32-bit length at the data position and the bytes after it.
 std::optional<KROData> resourceData(const BigEndianView& fork, std::uint64_t position) {
     const auto length = fork.u32(position);
     if (!length) {
@@ -131,13 +131,13 @@ std::optional<KROData> resourceData(const BigEndianView& fork, std::uint64_t pos
     return KROData(bytes->begin(), bytes->end());
 }
 
-// Step 5: one 12-byte reference entry of a type.
+// One 12-byte reference entry of a type.
 std::shared_ptr<KROFileResource> resourceAt(const BigEndianView& fork, const ForkLayout& layout,
                                             std::uint32_t type, std::uint64_t entry) {
     const auto ID = fork.s16(entry);
     const auto nameOffset = fork.u16(entry + 2);
-    // Part 3.1 (required): the 32 bits are used whole; the attribute byte on
-    // top is not masked off.
+    // Kept: the 32 bits are used whole; the attribute byte on top is not
+    // masked off, so a resource with attribute bits set resolves elsewhere.
     const auto dataOffset = fork.u32(entry + 4);
     if (!ID || !nameOffset || !dataOffset) {
         return nullptr;
@@ -165,7 +165,7 @@ struct WalkBudget {
     }
 };
 
-// Steps 4 and 5 for one 8-byte type entry; false when an entry lies outside.
+// The references of one 8-byte type entry; false when an entry lies outside.
 bool appendResourcesOfType(const BigEndianView& fork, const ForkLayout& layout,
                            std::uint64_t typeEntry, KROFileResources& resources,
                            WalkBudget& budget) {

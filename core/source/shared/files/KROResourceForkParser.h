@@ -1,4 +1,4 @@
-// Part 3.1, loadResources: reads a classic resource fork, raw or wrapped in an
+// Reads a classic resource fork, raw or wrapped in an
 // AppleDouble (or AppleSingle) file, into KROFileResource objects. Nothing
 // here touches a file; KROResourceForkFinder finds the bytes.
 #pragma once
@@ -27,10 +27,13 @@ public:
     // when the container is damaged (an entry past its end) or has no entry 2.
     static std::optional<Bytes> forkFromContainer(Bytes container);
 
-    // Steps 2 to 8 of loadResources over a whole fork. None when a check of
-    // step 2 fails or a list entry or resource data lies outside the fork
-    // (Part 3.1 leaves them unchecked; reading past the fork is no option);
-    // names are cut at the fork's end. An empty array when the fork is empty.
+    // The resources of a whole fork, types in list order and within a type
+    // in reference order. None when a check of the header fails (data offset
+    // plus data length is the map offset, map offset plus map length is the
+    // fork's length, both lists start inside it) or a list entry or resource
+    // data lies outside the fork, since reading past it is no option; names
+    // are cut at the fork's end. An empty array when the fork is empty. A
+    // caller gets none again on every try, so it parses anew next time.
     static std::optional<KROFileResources> resourcesFromFork(Bytes fork);
 
     // Mac Roman bytes as UTF-8.

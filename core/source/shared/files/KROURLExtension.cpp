@@ -18,7 +18,7 @@ namespace kro {
 
 namespace {
 
-// A platform error wrapped by Part 1.1 Algorithm 4 with the caller's action.
+// A platform error wrapped in a KROError with the caller's action.
 bool failWithErrno(KROErrorPtr* error, int errnum, KROFileAccess access, std::string_view key) {
     if (error) {
         *error = KROError::errorWithNSError(KRONSError::errorWithErrno(errnum, access),
@@ -115,7 +115,7 @@ std::optional<URL> documentsDirectoryFromUserDirs() {
     return found ? found : absolutePathFromEnvironment("XDG_DOCUMENTS_DIR");
 }
 
-// A directory kept for the process once computed. Part 3.1 (required): when
+// A directory kept for the process once computed. Kept as it stands: when
 // creating it fails, that call answers empty and later calls answer the kept
 // URL without creating it again.
 class KeptDirectory {

@@ -1,7 +1,6 @@
-// Part 3.1: the URL services (the spec's category NSURL(KROExtension)) as free
-// functions in namespace kro; the URL is a std::filesystem::path and is the
-// first argument of every instance operation. Call them qualified
-// (kro::exists), since std::filesystem has functions of the same names.
+// The URL services as free functions in namespace kro; the URL is a std::filesystem::path and is
+// the first argument of every instance operation. Call them qualified (kro::exists), since
+// std::filesystem has functions of the same names.
 //
 // Linux forms (DESIGN.md section 4): the documents directory follows
 // xdg-user-dirs, application support is $XDG_DATA_HOME/<application name>,
@@ -35,7 +34,7 @@ bool createDirectory(const URL& url, KROErrorPtr* error = nullptr);
 bool renameTo(const URL& url, const std::string& name, KROErrorPtr* error = nullptr);
 bool moveTo(const URL& url, const URL& target, KROErrorPtr* error = nullptr);
 bool copyTo(const URL& url, const URL& target, KROErrorPtr* error = nullptr);
-// The spec's delete:, a keyword in C++.
+// Named deleteItem since delete is a keyword in C++.
 bool deleteItem(const URL& url, KROErrorPtr* error = nullptr);
 bool emptyDirectory(const URL& url, KROErrorPtr* error = nullptr);
 bool copyItemsInDirectoryToDirectory(const URL& url, const URL& target,

@@ -7,6 +7,19 @@
 
 KRO_REGISTER_CLASS(KROAudioAutomation, KROObject)
 
+KROAudioAutomation::KROAudioAutomation() {
+    remakeValueMap();
+}
+
+void KROAudioAutomation::remakeValueMap() {
+    valueMap_ = std::dynamic_pointer_cast<KROValueMap>(
+        KROClassRegistry::sharedRegistry().makeObject(valueMapClass()));
+    if (!valueMap_) {
+        valueMap_ = std::make_shared<KROValueMap>();
+    }
+    valueMap_->initWithType("segmented");
+}
+
 std::shared_ptr<KROAudioAutomation> KROAudioAutomation::automation() {
     return std::make_shared<KROAudioAutomation>();
 }
@@ -19,6 +32,21 @@ std::shared_ptr<KROAudioAutomation> KROAudioAutomation::copy() const {
     }
     copy->setProperties(properties());
     return copy;
+}
+
+float KROAudioAutomation::normalizedValueForLocation(double seconds) const {
+    if (seconds < location_ || seconds > location_ + length_) {
+        return 0.0f;
+    }
+    const double position = length_ == 0.0 ? 0.0 : (seconds - location_) / length_;
+    return valueMap_->outputValueForInputValue(static_cast<float>(position));
+}
+
+float KROAudioAutomation::valueForLocation(double seconds) const {
+    if (seconds < location_ || seconds > location_ + length_) {
+        return 0.0f;
+    }
+    return minimum_ + (maximum_ - minimum_) * normalizedValueForLocation(seconds);
 }
 
 void KROAudioAutomation::setStart(double start) {
@@ -55,7 +83,7 @@ KROPropertyList KROAudioAutomation::properties() const {
     properties.setObjectForKey("class", className());
     properties.setObjectForKey("location", location_);
     properties.setObjectForKey("length", length_);
-    properties.setObjectForKey("valueMap", valueMapProperties_);
+    properties.setObjectForKey("valueMap", valueMap_->properties());
     properties.setObjectForKey("minimum", static_cast<double>(minimum_));
     properties.setObjectForKey("maximum", static_cast<double>(maximum_));
     properties.setObjectForKey("enabled", enabled_);
@@ -86,7 +114,7 @@ void KROAudioAutomation::setProperties(const KROPropertyList& properties) {
     }
     if (const KROPropertyList* const map = properties.objectForKey("valueMap");
         map && map->isDictionary()) {
-        valueMapProperties_ = *map;
+        valueMap_->setProperties(*map);
     }
     if (const auto* value = number(properties, "minimum")) {
         minimum_ = static_cast<float>(value->doubleValue());

@@ -21,7 +21,8 @@ KROAudioBus::~KROAudioBus() {
             connection->setInput(nullptr);
         }
     }
-    // Part 2.1, State and lifecycle: the lock is taken before the sets go.
+    // The lock is taken before the sets go, so no render is calling a
+    // target while it is released.
     std::lock_guard guard(targetLock_);
     preRenderTargets_.clear();
     postRenderTargets_.clear();
@@ -53,9 +54,8 @@ std::size_t KROAudioBus::countOfPostRenderTargets() const {
     return postRenderTargets_.size();
 }
 
-// Algorithm 11 makes the membership test outside the lock; here it is made
-// inside, so that two host threads adding at once cannot race on the set.
-// What a caller sees is the same.
+// The membership test is made inside the lock, so that two host threads
+// adding at once cannot race on the set.
 void KROAudioBus::addTarget(TargetSet& targets, std::atomic<std::size_t>& count,
                             KROAudioBusObserver* target) {
     if (!target) {

@@ -1,4 +1,4 @@
-// Part 2.1: buses, the ports of a processor. A KROAudioInputBus belongs to
+// Buses, the ports of a processor. A KROAudioInputBus belongs to
 // its destination processor, a KROAudioOutputBus to its source processor;
 // both are owned by the processor's bus arrays. The connection is a back
 // reference: the stream owns connections. The three classes and the two
@@ -57,7 +57,7 @@ public:
         connection_.store(connection, std::memory_order_relaxed);
     }
 
-    // Algorithm 11: targets are not owned. Adding a target already present,
+    // Targets are not owned. Adding a target already present,
     // or removing one absent, does nothing. Set-up or host threads.
     void addPreRenderTarget(KROAudioBusObserver* target);
     void removePreRenderTarget(KROAudioBusObserver* target);
@@ -116,10 +116,11 @@ public:
         destination_.store(destination, std::memory_order_relaxed);
     }
 
-    // Algorithm 6 step 3: hands the buffer to the destination; targets take
+    // Hands the buffer to the destination; targets take
     // no part in the push path.
     void input(KROAudioBufferList& buffer, KROAudioStreamRenderInfo& info) override;
-    // Algorithm 5 step 1: an unconnected input is silence.
+    // An unconnected input is silence; otherwise the pre-render targets,
+    // the connection's render and the post-render targets, in that order.
     void render(KROAudioBufferList& buffer, KROAudioStreamRenderInfo& info) override;
 
 private:
@@ -137,9 +138,9 @@ public:
         source_.store(source, std::memory_order_relaxed);
     }
 
-    // Algorithm 6 step 1: on to the connection; unconnected, nothing happens.
+    // On to the connection; unconnected, nothing happens.
     void input(KROAudioBufferList& buffer, KROAudioStreamRenderInfo& info) override;
-    // Algorithm 5 step 3: with no source the buffer is cleared.
+    // With no source the buffer is cleared.
     void render(KROAudioBufferList& buffer, KROAudioStreamRenderInfo& info) override;
 
 private:

@@ -1,4 +1,4 @@
-// Part 2.1: the observer roles of a bus. An object registered on a bus as a
+// The observer roles of a bus. An object registered on a bus as a
 // pre-render target receives willRender before the audio is pulled through
 // the bus, a post-render target didRender after it. Both are called on the
 // render thread under the bus's targetLock: they may not allocate, block, or

@@ -45,7 +45,7 @@ void KROAudioConnection::render(KROAudioBufferList& buffer, KROAudioStreamRender
         return;
     }
     // A format mismatch leaves the buffer exactly as it came: not rendered,
-    // not cleared (Algorithm 5 step 2). An open end does nothing either.
+    // not cleared. An open end does nothing either.
     if (passes(buffer)) {
         if (KROAudioOutputBus* const bus = outputBus()) {
             bus->render(buffer, info);

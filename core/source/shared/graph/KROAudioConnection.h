@@ -1,9 +1,9 @@
-// Part 2.1: a connection, the edge that joins one output bus to one input bus
+// A connection, the edge that joins one output bus to one input bus
 // and holds the format of the audio that crosses it. Owned by the stream; its
 // two ends are not owned.
 //
-// The names of the ends are crossed on purpose (Part 2.1, Data model): seen
-// from the connection, audio comes in at its input, the upstream
+// The names of the ends are crossed on purpose, and descriptions name them
+// so: seen from the connection, audio comes in at its input, the upstream
 // KROAudioOutputBus, and leaves at its output, the downstream
 // KROAudioInputBus. So setInput stores into outputBus and setOutput into
 // inputBus.
@@ -51,29 +51,32 @@ public:
     KROAudioInputBus* inputBus() const { return inputBus_.load(std::memory_order_relaxed); }
     // The upstream end.
     KROAudioOutputBus* outputBus() const { return outputBus_.load(std::memory_order_relaxed); }
-    // Part 2.1, Data model: crossed on purpose. setInput stores the upstream
+    // Crossed on purpose. setInput stores the upstream
     // bus into outputBus.
     void setInput(KROAudioOutputBus* bus) { outputBus_.store(bus, std::memory_order_relaxed); }
-    // Part 2.1, Data model: crossed on purpose. setOutput stores the
+    // Crossed on purpose. setOutput stores the
     // downstream bus into inputBus.
     void setOutput(KROAudioInputBus* bus) { inputBus_.store(bus, std::memory_order_relaxed); }
 
     bool active() const { return active_.load(std::memory_order_relaxed); }
     // Returns only when no crossing is in progress; once it has returned with
     // false no further audio crosses. The flag is read first outside the lock
-    // and an unchanged value does nothing (Part 2.1, Concurrency).
+    // and an unchanged value does nothing.
     void setActive(bool active);
 
-    // Algorithm 7: copies sampleRate, numberOfChannels and maxFrames from the
-    // connection given; from none it writes zeros.
+    // Copies sampleRate, numberOfChannels and maxFrames from the connection
+    // given; from none it writes zeros. Nothing negotiates or converts.
     void conformToConnection(const KROAudioConnection* connection);
     // Zeros the format: every non-empty buffer then fails the channel test,
     // so a cleared connection passes nothing and clears nothing.
     void clear();
 
-    // Algorithm 5 step 2, under activeLock for the whole upstream render.
+    // Under activeLock for the whole upstream render: inactive, the buffer
+    // is cleared; a buffer whose channels differ or whose frames pass
+    // maxFrames is left exactly as it came.
     void render(KROAudioBufferList& buffer, KROAudioStreamRenderInfo& info);
-    // Algorithm 6 step 2, under activeLock.
+    // Under activeLock: passes the buffer on only when active and of the
+    // connection's format; otherwise nothing happens, not even a clear.
     void input(KROAudioBufferList& buffer, KROAudioStreamRenderInfo& info);
 
     std::string description() const override;

@@ -1,4 +1,4 @@
-// Part 2.1: the base of every node that makes sound from nothing. It has no
+// The base of every node that makes sound from nothing. It has no
 // input bus: maximumNumberOfInputBuses is 0.
 #pragma once
 
@@ -8,8 +8,9 @@ class KROAudioGenerator : public KROAudioProcessor {
     KRO_DECLARE_CLASS(KROAudioGenerator)
 
 public:
-    // Part 2.1 Algorithm 2, as it stands: does not go through the inherited
-    // init. One output bus of the literal class KROAudioOutputBus (not
+    // Kept as it stands: does not go through the inherited init, so a
+    // generator has no default channel configuration unless its settings
+    // give one. One output bus of the literal class KROAudioOutputBus (not
     // outputBusClass) and empty automations; no input bus, and parameters and
     // channelConfigurations stay absent.
     bool init(KROErrorPtr* error = nullptr) override;

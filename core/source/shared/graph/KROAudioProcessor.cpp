@@ -6,6 +6,7 @@
 #include "KROAudioConnection.h"
 #include "KROAudioProcessorDock.h"
 #include "KROClassRegistry.h"
+#include "KROSampleFrames.h"
 
 KRO_REGISTER_CLASS(KROAudioProcessor, KROObject)
 
@@ -97,7 +98,7 @@ KROAudioProcessor::processorWithSettings(const KROPropertyList& settings, KROErr
 }
 
 std::shared_ptr<KROAudioProcessor> KROAudioProcessor::copy() const {
-    // Part 2.1 Algorithm 10: a copy is made through settings only, so bus
+    // A copy is made through settings only, so bus
     // counts, connections, stream and initialisation are not carried over.
     auto copy = std::dynamic_pointer_cast<KROAudioProcessor>(
         KROClassRegistry::sharedRegistry().makeObject(className()));
@@ -128,14 +129,8 @@ bool KROAudioProcessor::setSettings(const KROPropertyList& settings, KROErrorPtr
 }
 
 void KROAudioProcessor::replaceAutomations(const KROPropertyList::Array& elements) {
-    removeAutomationsAtIndexes([&] {
-        KROIndexSet all;
-        for (std::size_t index = 0; index < automations_.size(); ++index) {
-            all.insert(index);
-        }
-        return all;
-    }());
     KROClassRegistry& registry = KROClassRegistry::sharedRegistry();
+    Automations replacements;
     for (const KROPropertyList& element : elements) {
         std::shared_ptr<KROAudioAutomation> automation;
         const KROPropertyList* const className = element.objectForKey("class");
@@ -149,8 +144,14 @@ void KROAudioProcessor::replaceAutomations(const KROPropertyList::Array& element
         }
         automation->setProcessor(this);
         automation->setProperties(element);
-        automations_.push_back(std::move(automation));
+        replacements.push_back(std::move(automation));
     }
+    // The old list is released after the lock, by replacements.
+    const std::lock_guard guard(automationsLock_);
+    for (const auto& automation : automations_) {
+        automation->setProcessor(nullptr);
+    }
+    automations_.swap(replacements);
 }
 
 KROPropertyList KROAudioProcessor::settings() const {
@@ -213,7 +214,8 @@ void KROAudioProcessor::setValue(const KROPropertyList& /*value*/, const std::st
 
 bool KROAudioProcessor::setNumberOfInputBuses(std::uint64_t count, KROErrorPtr* error) {
     constexpr const char* action = "KROAudioProcessor_action_settingNumberOfInputBuses";
-    // Algorithm 4: the initialised test comes before the equal-count test.
+    // The initialised test comes before the equal-count test: a frozen
+    // processor refuses even a request that would change nothing.
     if (initialized_) {
         return KROFail<KROAudioProcessorError>(error, 1, action);
     }
@@ -282,7 +284,7 @@ KROAudioConnection* KROAudioProcessor::outputConnection() const {
 }
 
 void KROAudioProcessor::dock(KROAudioProcessorDock& dock) {
-    // Part 2.1 Algorithm 9: the processor's own buses are released and the
+    // The processor's own buses are released and the
     // dock's two bus objects become its buses.
     if (&dock == this) {
         return;
@@ -342,6 +344,7 @@ void KROAudioProcessor::insertAutomationsAtIndexes(const Automations& automation
     for (const auto& automation : automations) {
         automation->setProcessor(this);
     }
+    const std::lock_guard guard(automationsLock_);
     auto automation = automations.begin();
     for (const std::size_t index : indexes) {
         automations_.insert(automations_.begin() + static_cast<std::ptrdiff_t>(index),
@@ -350,14 +353,101 @@ void KROAudioProcessor::insertAutomationsAtIndexes(const Automations& automation
 }
 
 void KROAudioProcessor::removeAutomationsAtIndexes(const KROIndexSet& indexes) {
-    // Part 2.1 Algorithm 8, required as it stands: every automation of the
-    // list loses its processor, not only those removed.
+    // Kept as it stands: every automation of the list loses its processor,
+    // not only those removed; a caller that keeps some sets it again.
+    const std::lock_guard guard(automationsLock_);
     for (const auto& automation : automations_) {
         automation->setProcessor(nullptr);
     }
     for (auto index = indexes.rbegin(); index != indexes.rend(); ++index) {
         if (*index < automations_.size()) {
             automations_.erase(automations_.begin() + static_cast<std::ptrdiff_t>(*index));
+        }
+    }
+}
+
+void KROAudioProcessor::applyAutomations(std::int64_t firstFrame, std::uint64_t frames,
+                                         double sampleRate) {
+    if (!(sampleRate > 0.0)) {
+        return;
+    }
+    const std::lock_guard guard(automationsLock_);
+    // The keys in ascending order, each once, without a sorted copy: the
+    // render thread may not allocate.
+    const std::string* previous = nullptr;
+    for (;;) {
+        const std::string* key = nullptr;
+        for (const auto& automation : automations_) {
+            const std::string& candidate = automation->parameterKey();
+            if (automation->isEnabled() && (!previous || candidate > *previous) &&
+                (!key || candidate < *key)) {
+                key = &candidate;
+            }
+        }
+        if (!key) {
+            return;
+        }
+        const float value = automatedValue(*key, firstFrame, frames, sampleRate);
+        setValue(KROPropertyList(static_cast<double>(value)), *key);
+        previous = key;
+    }
+}
+
+float KROAudioProcessor::automatedValue(const std::string& key, std::int64_t firstFrame,
+                                        std::uint64_t frames, double sampleRate) const {
+    constexpr std::size_t none = SIZE_MAX;
+    const double blockStart = static_cast<double>(firstFrame) / sampleRate;
+    const double blockEnd =
+        (static_cast<double>(firstFrame) + static_cast<double>(frames)) / sampleRate;
+    std::int64_t blockEndFrame = 0;
+    if (__builtin_add_overflow(firstFrame, static_cast<std::int64_t>(frames), &blockEndFrame)) {
+        blockEndFrame = INT64_MAX;
+    }
+    float value = 0.0f;
+    std::size_t previous = none;
+    // The run in order of location, and of place in the list at equal
+    // locations.
+    for (;;) {
+        std::size_t next = none;
+        for (std::size_t index = 0; index < automations_.size(); ++index) {
+            const KROAudioAutomation& candidate = *automations_[index];
+            if (!candidate.isEnabled() || candidate.parameterKey() != key) {
+                continue;
+            }
+            const double location = candidate.location();
+            if (previous != none) {
+                const double previousLocation = automations_[previous]->location();
+                if (!(location > previousLocation ||
+                      (location == previousLocation && index > previous))) {
+                    continue;
+                }
+            }
+            if (next == none || location < automations_[next]->location()) {
+                next = index;
+            }
+        }
+        if (next == none) {
+            return value;
+        }
+        const KROAudioAutomation& automation = *automations_[next];
+        if (previous == none) {
+            value = automation.valueForLocation(automation.location());
+        }
+        previous = next;
+        const std::int64_t start = KROFrameForSeconds(automation.location(), sampleRate);
+        std::int64_t end = 0;
+        if (__builtin_add_overflow(start, KROFrameForSeconds(automation.length(), sampleRate),
+                                   &end)) {
+            end = INT64_MAX;
+        }
+        if (std::max(start, firstFrame) < std::min(end, blockEndFrame)) {
+            const double location = automation.location();
+            if (location < blockStart || location > blockEnd) {
+                value = automation.valueForLocation(blockStart);
+            }
+        } else if (end <= firstFrame) {
+            // Ended: its last value holds.
+            value = automation.valueForLocation(automation.location() + automation.length());
         }
     }
 }

@@ -1,4 +1,4 @@
-// Part 2.1: the processor, a node of the processing graph, and the base
+// The processor, a node of the processing graph, and the base
 // contract on which every processor stands. A processor acts in both bus
 // delegate roles: render (render:forBus:info:) for its output buses, input
 // (input:fromBus:info:) for its input buses.
@@ -13,6 +13,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -49,31 +50,33 @@ public:
     // Leaves no bus or automation pointing at this processor.
     ~KROAudioProcessor() override;
 
-    // Algorithm 2: one input bus, one output bus, empty parameters, the
+    // One input bus, one output bus, empty parameters, the
     // channel configuration (-1, -1). Subclasses call it first.
     virtual bool init(KROErrorPtr* error = nullptr);
     // The C++ form of an init: that may give up the object under
-    // construction and return another (Part 2.3, KROHardwareAudioProcessor):
+    // construction and return another (as KROHardwareAudioProcessor does):
     // every maker of processors (the stream, processorWithSettings, copy)
     // calls this. The base runs init(error) and answers this object, or none
     // when init fails.
     virtual std::shared_ptr<KROAudioProcessor> initReturningObject(KROErrorPtr* error = nullptr);
 
-    // Algorithm 1: a processor of the class named under "class", made with
+    // A processor of the class named under "class", made with
     // init: and given the settings. An absent, empty or unknown class name
     // gives none and stores no error.
     static std::shared_ptr<KROAudioProcessor> processorWithSettings(const KROPropertyList& settings,
                                                                     KROErrorPtr* error = nullptr);
 
-    // Algorithm 10: a new object of this class made with init: and given
+    // A new object of this class made with init: and given
     // settings(). Buses are not part of settings, so a copy has the bus
     // counts that init: gives, no connections, no stream, and is not
     // initialised. None when the class is not registered or the settings
     // are refused.
     std::shared_ptr<KROAudioProcessor> copy() const;
 
-    // Algorithm 3. The base never fails; a value of the wrong type counts as
-    // absent.
+    // Reads "identifier", "automations" (replacing the whole list; an
+    // unknown class becomes a KROAudioAutomation) and "channelConfigurations"
+    // when present; an absent key leaves the value alone. The base never
+    // fails; a value of the wrong type counts as absent.
     virtual bool setSettings(const KROPropertyList& settings, KROErrorPtr* error = nullptr);
     virtual KROPropertyList settings() const;
 
@@ -87,7 +90,9 @@ public:
     virtual std::string editorClass() const { return {}; }
 
     // Set-up thread. The base initializeForRender fails with code 5 and
-    // initializeForInput with code 6 (Algorithm 7 says who must override).
+    // initializeForInput with code 6. Every class that can stand on a render
+    // chain overrides initializeForRender, even with nothing to allocate,
+    // because it passes the format upstream there.
     virtual bool initializeForRender(KROErrorPtr* error = nullptr);
     virtual bool initializeForInput(KROErrorPtr* error = nullptr);
     virtual bool uninitialize(KROErrorPtr* error = nullptr);
@@ -115,7 +120,9 @@ public:
     // Buses.
     std::size_t numberOfInputBuses() const { return inputBuses_.size(); }
     std::size_t numberOfOutputBuses() const { return outputBuses_.size(); }
-    // Algorithm 4.
+    // Refused with code 1 while initialised (tested first) and code 2 above
+    // the class's maximum. Shrinking removes from the end, so bus i keeps
+    // its place.
     bool setNumberOfInputBuses(std::uint64_t count, KROErrorPtr* error = nullptr);
     bool setNumberOfOutputBuses(std::uint64_t count, KROErrorPtr* error = nullptr);
     // Bus 0, or none (a generator's inputBus).
@@ -130,10 +137,10 @@ public:
     const InputBuses& inputBuses() const { return inputBuses_; }
     const OutputBuses& outputBuses() const { return outputBuses_; }
 
-    // Algorithm 9: takes over the dock's two bus objects and its stream.
+    // Takes over the dock's two bus objects and its stream.
     void dock(KROAudioProcessorDock& dock);
 
-    // Automations, a keyed list (Algorithm 8).
+    // Automations, a keyed list.
     std::size_t countOfAutomations() const { return automations_.size(); }
     const Automations& enumeratorOfAutomations() const { return automations_; }
     // None at or past the count.
@@ -148,6 +155,17 @@ public:
     // Clears the processor of every automation, then removes those at the
     // indexes; indexes past the end are ignored.
     void removeAutomationsAtIndexes(const KROIndexSet& indexes);
+    // Held by the render path while it reads the automations, and by every
+    // change of them while the processor renders: insert, remove and
+    // settings take it themselves; a host that edits an automation or its
+    // curve in place holds it around the edit.
+    std::mutex& automationsLock() const { return automationsLock_; }
+    // Plays the automations for one block of frames from firstFrame, at the
+    // rate given: for each parameter key, in key order, one value from its
+    // enabled automations in order of location, set once with setValue, with
+    // no ramp inside the block. An automation that has ended holds its last
+    // value. Takes automationsLock and allocates nothing of its own.
+    void applyAutomations(std::int64_t firstFrame, std::uint64_t frames, double sampleRate);
 
     // Plain access.
     const std::string& identifier() const { return identifier_; }
@@ -174,6 +192,9 @@ protected:
     std::shared_ptr<KROAudioInputBus> makeInputBus(const std::string& busClass);
     std::shared_ptr<KROAudioOutputBus> makeOutputBus(const std::string& busClass);
     void replaceAutomations(const KROPropertyList::Array& elements);
+    // The value of one parameter's automations for a block (applyAutomations).
+    float automatedValue(const std::string& key, std::int64_t firstFrame, std::uint64_t frames,
+                         double sampleRate) const;
 
     std::string identifier_;
     std::optional<std::vector<KROChannelConfiguration>> channelConfigurations_;
@@ -181,6 +202,7 @@ protected:
     InputBuses inputBuses_;
     OutputBuses outputBuses_;
     Automations automations_;
+    mutable std::mutex automationsLock_;
     KROAudioStream* stream_ = nullptr;
     bool initialized_ = false;
 };

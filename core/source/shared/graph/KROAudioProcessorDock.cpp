@@ -6,10 +6,9 @@
 KRO_REGISTER_CLASS(KROAudioProcessorDock, KROAudioProcessor)
 
 void KROAudioProcessorDock::setProcessor(std::shared_ptr<KROAudioProcessor> processor) {
-    // Part 2.3 Algorithm 3 step 1, as required: the dock's own field. It
-    // bites only for an empty dock initialised as a wire; a docked processor
-    // can be exchanged while the stream is initialised, and the newcomer is
-    // not initialised here.
+    // Kept as it stands: the dock's own field. It bites only for an empty
+    // dock initialised as a wire; a docked processor can be exchanged while
+    // the stream is initialised, and the newcomer is not initialised here.
     if (initialized_) {
         return;
     }

@@ -1,6 +1,6 @@
-// Part 2.3: a slot in a graph into which a processor can be put and taken
+// A slot in a graph into which a processor can be put and taken
 // out. An empty dock is a wire in both directions. A docked processor takes
-// over the dock's two bus objects (Part 2.1 Algorithm 9), so the walks and
+// over the dock's two bus objects (KROAudioProcessor::dock), so the walks and
 // the audio reach it directly; the stream's initialised test, uninitialize
 // and reset reach it through the dock's forwarding. The docked processor is
 // not a member of the stream's processors. Dock operations other than the
@@ -18,7 +18,10 @@ class KROAudioProcessorDock : public KROAudioProcessor {
 public:
     // The docked processor (owned) or none.
     const std::shared_ptr<KROAudioProcessor>& processor() const { return processor_; }
-    // Part 2.3 Algorithm 3.
+    // Does nothing while the dock's own field says initialised (an empty
+    // dock initialised as a wire) or when given the present processor.
+    // Otherwise a new processor takes over the dock's buses, and none makes
+    // the dock a wire again; a processor that leaves keeps the bus objects.
     void setProcessor(std::shared_ptr<KROAudioProcessor> processor);
 
     // Conform the input connection to the output connection, and the other

@@ -55,9 +55,8 @@ KROAudioProcessor* destinationOf(const KROAudioOutputBus& bus) {
 }
 
 // The processors that the render walk follows (over the input buses) and
-// that the input walk follows (over the output buses). The two walks of
-// Algorithms 2 and 3, and the two tests of Algorithm 5, differ in nothing
-// else (Part 2.2).
+// that the input walk follows (over the output buses). The two walks, and
+// the two initialised tests, differ in nothing else.
 std::vector<KROAudioProcessor*> upstreamOf(const KROAudioProcessor& processor) {
     std::vector<KROAudioProcessor*> sources;
     for (const auto& bus : processor.inputBuses()) {
@@ -78,9 +77,9 @@ using Path = std::vector<const KROAudioProcessor*>;
 using Neighbours = std::vector<KROAudioProcessor*> (*)(const KROAudioProcessor&);
 using Initialize = bool (KROAudioProcessor::*)(KROErrorPtr*);
 
-// Algorithms 2 and 3. Part 2.2 detects no cycle; a cycle would recurse
-// without end, so a processor already on the path of this walk is stepped
-// over. A processor reached by two paths is still initialised twice.
+// The render and input walks. A cycle would recurse forever, so a
+// processor already on this walk's path is stepped over. A processor
+// reached by two paths is still initialised twice.
 bool walk(KROAudioProcessor* processor, Path& path, KROErrorPtr* error, Initialize initialize,
           Neighbours neighbours) {
     if (!processor || isOnPath(path, processor)) {
@@ -104,7 +103,7 @@ bool walk(KROAudioProcessor* processor, Path& path, KROErrorPtr* error, Initiali
     return true;
 }
 
-// Algorithm 5: the same shape as the walks, testing instead of initialising.
+// The same shape as the walks, testing instead of initialising.
 bool test(const KROAudioProcessor* processor, Path& path, Neighbours neighbours) {
     if (!processor || isOnPath(path, processor)) {
         return true;
@@ -240,7 +239,7 @@ bool KROAudioStream::buildProcessor(const KROPropertyList& entry, KROErrorPtr* e
             error, 4, "KROAudioStream_action_creatingProcessor", className);
     }
     // None from init: fails the stream with whatever error init: left, or
-    // none (Part 2.3, KROHardwareAudioProcessor without a device head).
+    // none (KROHardwareAudioProcessor without a device head).
     processor = processor->initReturningObject(error);
     if (!processor) {
         return false;
@@ -326,7 +325,7 @@ bool KROAudioStream::initialize(KROErrorPtr* error) {
         initializeForRender(renderHead.get(), error)) {
         return true;
     }
-    // Part 2.2 Algorithm 4, as it stands: the rollback does not call
+    // Kept as it stands: the rollback does not call
     // setInitialized(false), so the processors keep answering true until a
     // later uninitialize of the stream.
     const Processors processors = processors_;

@@ -1,15 +1,15 @@
-// Part 2.2: the stream owns one graph, a set of processors and a set of
+// The stream owns one graph, a set of processors and a set of
 // connections. It builds the graph from a description, initialises it by
 // walking outward from the heads, starts and stops it through the heads, and
 // finds things by identifier. It holds no lock and has no thread: set-up
 // calls come from one host thread at a time, and the sets must not change
 // while the stream runs.
 //
-// Both sets keep their members unique and in the order they were added; the
-// spec leaves the order open.
+// Both sets keep their members unique and in the order they were added;
+// callers must not rely on that order.
 //
-// init has two forms: init() makes an empty stream, init(error) (the spec's
-// init:) loads the description resource named after the stream's class,
+// init has two forms: init() makes an empty stream, init(error) loads the
+// description resource named after the stream's class,
 // "<className>.plist". It is looked for first in the host's resource
 // directory (setResourceSearchDirectory, the Linux form of the application's
 // main resources), then in the library's resource directory
@@ -48,9 +48,10 @@ public:
 
     // An empty stream.
     bool init();
-    // The spec's init:, see above.
+    // The description resource named after the class, see above.
     bool init(KROErrorPtr* error);
-    // Algorithm 1. On failure the stream is left empty and false returned.
+    // Makes every processor (buses first, then its settings), then every
+    // connection. On failure the stream is left empty and false returned.
     bool initWithDescription(const KROPropertyList& description, KROErrorPtr* error = nullptr);
     // Reads an XML (or binary) property-list file and builds from it; a file
     // that cannot be read fails with the reader's error.
@@ -63,26 +64,30 @@ public:
     // Where init(error) finds the resource named after the class, or empty.
     std::filesystem::path descriptionResourcePath() const;
 
-    // Algorithms 2 and 3: the two walks from a processor, normally a head.
+    // The two walks from a processor, normally a head: each processor is
+    // initialised before its neighbours, and a KROIOAudioProcessor ends it.
     bool initializeForRender(KROAudioProcessor* processor, KROErrorPtr* error = nullptr);
     bool initializeForInput(KROAudioProcessor* processor, KROErrorPtr* error = nullptr);
-    // Algorithm 4.
+    // Input walk first, then render walk; refused with code 9 while
+    // running. On failure every initialised processor is uninitialised and
+    // every connection cleared.
     bool initialize(KROErrorPtr* error = nullptr);
-    // Algorithm 5.
+    // Tests the processors that the two walks reach; no heads means true.
     bool isInitialized() const;
     bool isProcessorInitializedForInput(const KROAudioProcessor* processor) const;
     bool isProcessorInitializedForRender(const KROAudioProcessor* processor) const;
-    // Algorithm 6.
+    // Stops first when running, then uninitialises and clears connections.
     bool uninitialize(KROErrorPtr* error = nullptr);
-    // Algorithm 7.
+    // Every processor, initialised or not; refused with code 9 while running.
     bool reset(KROErrorPtr* error = nullptr);
-    // Algorithm 8.
+    // The input head, then a distinct render head. Code 8 when not
+    // initialised, code 1 when there is no head.
     bool start(KROErrorPtr* error = nullptr);
     bool stop(KROErrorPtr* error = nullptr);
     // True when any head answers true to isRunning.
     bool isRunning() const;
 
-    // Algorithm 9: a connection end and the bus's reference are set together.
+    // A connection end and the bus's reference are set together.
     void connectInputBus(KROAudioInputBus& bus, KROAudioConnection& connection);
     void connectOutputBus(KROAudioOutputBus& bus, KROAudioConnection& connection);
     void disconnectInputBus(KROAudioInputBus& bus);
@@ -91,7 +96,7 @@ public:
     // Linear searches by identifier; an empty name finds nothing.
     std::shared_ptr<KROAudioProcessor> processorWithIdentifier(const std::string& name) const;
     std::shared_ptr<KROAudioConnection> connectionWithIdentifier(const std::string& name) const;
-    // Algorithm 10: a processor's own identifier names its bus 0, tested
+    // A processor's own identifier names its bus 0, tested
     // before that processor's buses.
     std::shared_ptr<KROAudioInputBus> inputBusWithIdentifier(const std::string& name) const;
     std::shared_ptr<KROAudioOutputBus> outputBusWithIdentifier(const std::string& name) const;

@@ -1,6 +1,6 @@
-// Part 2.3: the timing record that goes with each pull or push. In the class
+// The timing record that goes with each pull or push. In the class
 // tree it derives from KROAudioProcessor but uses nothing of it: it is built
-// with plain construction (the spec's init), has no buses and is never part
+// with plain construction, has no buses and is never part
 // of a graph. Written only by its head on the render or input thread and read
 // by processors during the block: no lock, no allocation.
 #pragma once
@@ -28,9 +28,9 @@ public:
     // The entry at the cursor.
     std::int64_t sampleTime() const { return sampleTime_[sampleTimeCursor_]; }
     void setSampleTime(std::int64_t sampleTime) { sampleTime_[sampleTimeCursor_] = sampleTime; }
-    // Part 2.3 Algorithm 2, the limit of sixteen levels is part of the
-    // design: at the top (cursor 15) the value is dropped and nothing
-    // changes, while the matching pop still pops.
+    // The limit of sixteen levels is part of the record, so that nesting
+    // costs no allocation: at the top (cursor 15) the value is dropped and
+    // nothing changes, while the matching pop still pops.
     void pushSampleTime(std::int64_t sampleTime) {
         if (sampleTimeCursor_ < sampleTimeStackDepth - 1) {
             sampleTime_[++sampleTimeCursor_] = sampleTime;
@@ -52,7 +52,7 @@ public:
     void setRealtime(bool realtime) { realtime_ = realtime; }
     bool isReverse() const { return reverse_; }
     void setReverse(bool reverse) { reverse_ = reverse; }
-    // Back reference to the conductor on this chain (Part 2.5), none unless
+    // Back reference to the conductor on this chain, none unless
     // one is present.
     KROConductorAudioProcessor* conductor() const { return conductor_; }
     void setConductor(KROConductorAudioProcessor* conductor) { conductor_ = conductor; }

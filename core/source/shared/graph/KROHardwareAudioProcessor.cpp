@@ -9,7 +9,7 @@ KROHardwareAudioProcessor::initReturningObject(KROErrorPtr* error) {
     if (className() != staticClassName()) {
         return KROHeadAudioProcessor::initReturningObject(error);
     }
-    // Part 2.3: the lookup is by name, exactly "KROOSXHardwareAudioProcessor";
+    // The lookup is by name, exactly "KROOSXHardwareAudioProcessor";
     // absent, it yields none and no error is stored.
     auto head = std::dynamic_pointer_cast<KROAudioProcessor>(
         KROClassRegistry::sharedRegistry().makeObject(deviceHeadClassName));

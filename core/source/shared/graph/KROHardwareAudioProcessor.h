@@ -1,6 +1,6 @@
-// Part 2.3: the abstract head that stands for the platform's device head. A
+// The abstract head that stands for the platform's device head. A
 // description names "KROHardwareAudioProcessor" and receives an object of
-// the class registered as "KROOSXHardwareAudioProcessor" (Part 9.1), the
+// the class registered as "KROOSXHardwareAudioProcessor", the
 // device head of the platform, made with init:. Where no such class is
 // registered the result is none, and a stream built from the description
 // fails with no error stored.

@@ -1,9 +1,12 @@
-// Part 2.3: a head, the processor at which audio enters or leaves a graph and
+// A head, the processor at which audio enters or leaves a graph and
 // the only place where time is set. A render head owns the outermost buffer
 // and pulls through its input bus on its clock; an input head pushes live
-// audio through its output bus. Head classes override start and stop, and
-// follow the duties of Part 2.3 Algorithm 1 in initializeForRender,
-// initializeForInput and in each block.
+// audio through its output bus. Head classes override start and stop. A
+// render head allocates its buffer at initializeForRender and writes
+// sampleRate, numberOfChannels and maxFrames into its input connection (an
+// input head into its output connection): the format of the whole chain
+// comes from there. Each block it sets hostTime and the sample time on info
+// before it pulls or pushes.
 #pragma once
 
 #include <atomic>
@@ -26,7 +29,7 @@ public:
 
     // Inherited, then "isInputHead" and "isRenderHead" as booleans when
     // present. settings is not overridden: the flags are not written out, so
-    // a copy is not a head of anything until told so (Part 2.3).
+    // a copy is not a head of anything until told so.
     bool setSettings(const KROPropertyList& settings, KROErrorPtr* error = nullptr) override;
 
     bool isInputHead() const { return isInputHead_; }

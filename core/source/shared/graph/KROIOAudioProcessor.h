@@ -1,7 +1,7 @@
-// Part 2.3: the meeting point of an input chain and a render chain. The class
-// adds nothing: it is a mark at which both walks of the stream stop (Part 2.2,
-// Algorithms 2 and 3). A subclass bridges the two threads and clocks itself,
-// as KROAudioPlaythrough (Part 9.1) does through a ring buffer.
+// The meeting point of an input chain and a render chain. The class adds
+// nothing: it is a mark at which both walks of the stream stop. A subclass
+// bridges the two threads and clocks itself, as KROAudioPlaythrough does
+// through a ring buffer.
 #pragma once
 
 #include "KROAudioProcessor.h"

@@ -2,8 +2,8 @@
 
 namespace {
 
-// Shifts left by count, or right by -count. Orders below 8 make the shifts of
-// Algorithm 6 negative, which the Part leaves undefined; this keeps them defined.
+// Shifts left by count, or right by -count. Orders below 8 make the table and
+// run shifts negative; this keeps them defined.
 std::uint32_t shiftLeft(std::uint32_t value, int count) {
     if (count >= 32 || count <= -32) {
         return 0;

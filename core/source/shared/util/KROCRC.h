@@ -1,4 +1,4 @@
-// Part 8.6: a table-driven CRC of any order from 1 to 32 bits.
+// A table-driven CRC of any order from 1 to 32 bits. One thread at a time.
 #pragma once
 
 #include <array>
@@ -21,7 +21,8 @@ public:
     // An object set up by init(); use crc() or crcForCCITT16() for a ready one.
     KROCRC();
 
-    // The common 32-bit CRC (Algorithm 4).
+    // The common 32-bit CRC: polynomial 0x04C11DB7, initial and xor values
+    // 0xFFFFFFFF, both reflections on.
     static std::shared_ptr<KROCRC> crc();
     // The 16-bit form: polynomial 0x1021, initial value 0, xor 0xFFFF, no reflection.
     static std::shared_ptr<KROCRC> crcForCCITT16();
@@ -29,9 +30,9 @@ public:
     bool init();
     bool initForCCITT16();
 
-    // Algorithm 5. An order outside 1…32 is ignored; a polynomial, initial or
-    // xor value with bits outside mask() is ignored. setOrder, setPolynomial
-    // and setReflectInput drop the table. There is no setter for reflectOutput.
+    // An order outside 1…32 is ignored; a polynomial, initial or xor value with
+    // bits outside mask() is ignored. setOrder, setPolynomial and
+    // setReflectInput drop the table. There is no setter for reflectOutput.
     void setOrder(std::uint32_t order);
     void setPolynomial(std::uint32_t polynomial);
     void setInitialValue(std::uint32_t initialValue);
@@ -49,7 +50,7 @@ public:
     // The table of the last computation; null until one has been built.
     const Table* table() const { return table_.get(); }
 
-    // Algorithm 6.
+    // Builds the table when it is missing; the result is anded with mask().
     std::uint32_t crcForBuffer(const void* buffer, std::size_t length);
     std::uint32_t crcForData(const KROData& data);
     // The bytes of the UTF-8 form, without a terminator.

@@ -1,6 +1,5 @@
-// The class registry (DESIGN.md section 3, Overview Conventions): class names
-// in data select classes. Every processor, automation, handler and overview
-// class registers itself; hosts add their own.
+// The class registry: class names in data select classes. Every processor,
+// automation, handler and overview class registers itself; hosts add their own.
 #pragma once
 
 #include <functional>
@@ -20,8 +19,7 @@ public:
 
     // Adds or replaces a class. The superclass name lets callers ask whether
     // a registered class is a kind of another (a processor, a handler ...).
-    void registerClass(const std::string& name, const std::string& superclassName,
-                       Factory factory);
+    void registerClass(const std::string& name, const std::string& superclassName, Factory factory);
 
     bool hasClass(const std::string& name) const;
     // A new object of the class, or null when the name is unknown.
@@ -46,9 +44,9 @@ private:
 #define KRO_REGISTER_CLASS(Name, Superclass)                                                       \
     namespace {                                                                                    \
     const bool Name##Registered = [] {                                                             \
-        KROClassRegistry::sharedRegistry().registerClass(                                          \
-            #Name, #Superclass, [] { return std::static_pointer_cast<KROObject>(                   \
-                                     std::make_shared<Name>()); });                                \
+        KROClassRegistry::sharedRegistry().registerClass(#Name, #Superclass, [] {                  \
+            return std::static_pointer_cast<KROObject>(std::make_shared<Name>());                  \
+        });                                                                                        \
         return true;                                                                               \
     }();                                                                                           \
     }

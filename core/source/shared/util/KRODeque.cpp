@@ -128,7 +128,8 @@ KRODeque::deque_el_t* KRODeque::takeFreeElement() {
         alloc_another_chunk();
     }
     // After a failed allocation this is the free list's sentinel itself, which
-    // the push then uses as an element (kept from Part 8.6, Algorithm 7).
+    // the push then uses as an element. Kept: the deque goes on working after a
+    // failed allocation, and what it holds is still released with it.
     deque_el_t* element = _free_els->next;
     unlink(element);
     return element;

@@ -1,6 +1,6 @@
-// Part 8.6: a double-ended queue of objects on chained blocks of elements.
-// Used and free elements live on two circular lists, each with a sentinel;
-// every block is owned by _alloc_pool and freed only with the deque.
+// A double-ended queue of objects on chained blocks of elements. Used and free
+// elements live on two circular lists, each with a sentinel; every block is
+// owned by _alloc_pool and freed only with the deque.
 #pragma once
 
 #include <cstddef>

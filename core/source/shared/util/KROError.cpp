@@ -33,8 +33,8 @@ std::string KROError::alertMessageForClassName(std::string_view className) {
     return KROLocalizedString(KROStringWithFormatArguments("%@_message", className));
 }
 
-// Algorithm 2. The order decimal key, character key, default is required
-// (Part 1.1) and kept.
+// The order decimal key, character key, default is kept: string tables that
+// give a code both forms rely on the decimal one winning.
 std::string KROError::failureReasonForClassName(std::string_view className, std::int32_t code) {
     const std::string decimalKey =
         KROStringWithFormatArguments("%@_failureReason_%d", className, code);
@@ -51,9 +51,11 @@ std::string KROError::failureReasonForClassName(std::string_view className, std:
     return KROStringWithFormatArguments(KROLocalizedString("KROError_defaultFailureReason"), code);
 }
 
-std::vector<std::string> KROError::recoveryOptions() { return {KROLocalizedString("KROError_ok")}; }
+std::vector<std::string> KROError::recoveryOptions() {
+    return {KROLocalizedString("KROError_ok")};
+}
 
-// Algorithm 3.
+// The sentence is "<action> <conjunction> <reason>."
 KROError& KROError::initWithCode(std::int64_t code, const std::string& action) {
     const std::string name = className();
     const std::string reason = failureReasonForClassName(name, static_cast<std::int32_t>(code));
@@ -72,8 +74,8 @@ KROError& KROError::initWithCode(std::int64_t code, const std::string& action) {
     return *this;
 }
 
-// Algorithm 4. The code comparison is unsigned, so a negative Cocoa code
-// counts as 1024 or above (Part 1.1, kept).
+// The code comparison is unsigned, so a negative Cocoa code counts as 1024 or
+// above (kept). The given error's own text is not carried over.
 KROErrorPtr KROError::errorWithNSError(const KRONSError* error, const std::string& action) {
     if (!error) {
         return nullptr;
@@ -104,9 +106,13 @@ std::string KROError::failureReason() const {
     return {};
 }
 
-bool KROError::attemptRecoveryFromError(const KRONSError&, std::size_t) const { return false; }
+bool KROError::attemptRecoveryFromError(const KRONSError&, std::size_t) const {
+    return false;
+}
 
-void KROError::log() const { KROLogLine(description()); }
+void KROError::log() const {
+    KROLogLine(description());
+}
 
 void KROError::alert() const {
     KROAlertHost host;

@@ -1,6 +1,6 @@
-// Part 1.1: errors. An operation that fails returns false or none and stores a
-// KROError of its family in its last out-argument. The family is the class;
-// its name selects the domain ("%@Domain") and the keys of its texts.
+// Errors. An operation that fails returns false or none and stores a KROError
+// of its family in its last out-argument. The family is the class; its name
+// selects the domain ("%@Domain") and the keys of its texts.
 #pragma once
 
 #include <cstdint>
@@ -17,9 +17,9 @@
 class KROError;
 using KROErrorPtr = std::shared_ptr<KROError>;
 
-// How alert() reaches the host's user interface (Part 1.1, Left to the
-// implementer). presentError must hand over to the host's main thread and
-// return without waiting.
+// How alert() reaches the host's user interface: a hook the host sets.
+// presentError must hand over to the host's main thread and return without
+// waiting.
 struct KROAlertHost {
     std::function<bool()> isRunning;
     std::function<void(std::shared_ptr<const KROError>)> presentError;
@@ -32,21 +32,23 @@ public:
     // Use errorWithCode; a bare object is unusable until initWithCode.
     KROError();
 
-    // Class operations of Part 1.1, here for the class KROError; each family
-    // has the same ones for its own name (KRO_ERROR_FAMILY).
+    // Class operations, here for the class KROError; each family has the same
+    // ones for its own name (KRO_ERROR_FAMILY).
     static KROErrorPtr errorWithCode(std::int64_t code, const std::string& action);
-    // The class-level +domain of Part 1.1. C++ cannot give a static and a
-    // member function one name, and the member domain() of the platform error
-    // must answer for any family through a KROErrorPtr, so the class-level
-    // form is errorDomain().
+    // The class-level domain. C++ cannot give a static and a member function
+    // one name, and the member domain() of the platform error must answer for
+    // any family through a KROErrorPtr, so the class-level form is
+    // errorDomain().
     static std::string errorDomain() { return domainForClassName(staticClassName()); }
     static std::string alertMessage() { return alertMessageForClassName(staticClassName()); }
     static std::string failureReasonForError(std::int32_t code) {
         return failureReasonForClassName(staticClassName(), code);
     }
 
-    // Algorithm 4. The receiving family plays no part in the choice of class;
-    // none when no error is given.
+    // The class of the result comes from the given error's domain and code
+    // (Cocoa below 1024: KROFileError, else KROCocoaError; URL: KROURLError; XML
+    // parser: KROXMLParserError; others: KROError); the receiving family plays
+    // no part. None when no error is given.
     static KROErrorPtr errorWithNSError(const KRONSError* error, const std::string& action);
     static KROErrorPtr errorWithNSError(const std::shared_ptr<KRONSError>& error,
                                         const std::string& action) {
@@ -56,11 +58,12 @@ public:
     // One entry, the localized "KROError_ok".
     static std::vector<std::string> recoveryOptions();
 
-    // Algorithm 3, for the class of this object.
+    // Reason, sentence and user information for the class of this object.
     KROError& initWithCode(std::int64_t code, const std::string& action);
 
-    // The self reference of NSRecoveryAttempterErrorKey is dropped (Part 1.1,
-    // Left to the implementer): the attempter is the error itself, reached here.
+    // The self reference of NSRecoveryAttempterErrorKey is dropped, since a
+    // counted self reference would never be freed: the attempter is the error
+    // itself, reached here.
     const KROError& recoveryAttempter() const { return *this; }
     bool attemptRecoveryFromError(const KRONSError& error, std::size_t optionIndex) const;
 
@@ -104,9 +107,9 @@ protected:
         }                                                                                          \
     }
 
-// The failure site of Part 1.1: when the caller gave an out-argument, stores an
-// error of the family with the localized action of actionKey. Returns false so
-// that a site can read `return KROFail<KROBufferListError>(error, 1, "...");`.
+// The failure site: when the caller gave an out-argument, stores an error of
+// the family with the localized action of actionKey. Returns false so that a
+// site can read `return KROFail<KROBufferListError>(error, 1, "...");`.
 template <typename Family>
 bool KROFail(KROErrorPtr* error, std::int64_t code, std::string_view actionKey) {
     if (error) {
@@ -116,7 +119,7 @@ bool KROFail(KROErrorPtr* error, std::int64_t code, std::string_view actionKey) 
 }
 
 // The same with an action text that is a format, formatted with the thing
-// concerned (Part 1.1, failure site step 3).
+// concerned.
 template <typename Family, typename... Arguments>
 bool KROFailWithFormat(KROErrorPtr* error, std::int64_t code, std::string_view actionKey,
                        Arguments&&... arguments) {
@@ -128,7 +131,8 @@ bool KROFailWithFormat(KROErrorPtr* error, std::int64_t code, std::string_view a
     return false;
 }
 
-// Passes a platform error up, wrapped by Algorithm 4 with the caller's action.
+// Passes a platform error up, wrapped by errorWithNSError with the caller's
+// action.
 inline bool KROFailWithNSError(KROErrorPtr* error, const std::shared_ptr<KRONSError>& cause,
                                std::string_view actionKey) {
     if (error) {

@@ -1,5 +1,5 @@
-// Part 1.1, Data model: every error family, each a direct subclass of
-// KROError, by the Part that uses it.
+// Every error family, each a direct subclass of KROError that adds nothing:
+// the class name alone selects the domain and the table of failure reasons.
 #pragma once
 
 #include <string>
@@ -7,74 +7,62 @@
 
 #include "KROError.h"
 
-// X(Name) for each family, in the order of Part 1.1.
-#define KRO_ERROR_FAMILY_LIST(X) \
-    /* Part 1.2 */ \
-    X(KROBufferListError) \
-    /* Part 1.3 */ \
-    X(KROAudioStreamDescriptionError) \
-    /* Part 1.4 */ \
-    X(KROAudioConverterError) \
-    /* Part 2.1 */ \
-    X(KROAudioProcessorError) \
-    /* Part 2.2 */ \
-    X(KROAudioStreamError) \
-    /* Part 2.4 */ \
-    X(KROMixerAudioProcessorError) \
-    X(KROSplitterAudioProcessorError) \
-    X(KRORouterAudioProcessorError) \
-    /* Part 3.1 */ \
-    X(KROFileError) \
-    /* Part 3.3 */ \
-    X(KROAudioFileContentError) \
-    /* The format handlers of subsystem 3 */ \
-    X(KROAudioFileWAVEContentError) \
-    X(KROAudioFileAIFFContentError) \
-    X(KROAudioFileWAV64ContentError) \
-    X(KROAudioFileCAFContentError) \
-    X(KROAudioFileAUContentError) \
-    X(KROAudioFileSDIIContentError) \
-    X(KROAudioFileSFILContentError) \
-    X(KROAudioFileDDPContentError) \
-    X(KROAudioFileFLACContentError) \
-    X(KROAudioFileVorbisContentError) \
-    X(KROAudioFileMP3ContentError) \
-    X(KROAudioFileM4AContentError) \
-    /* Part 3.9 */ \
-    X(KROAudioFileInfoError) \
-    /* Part 4.1 */ \
-    X(KRODelayAudioProcessorError) \
-    /* Part 4.4 */ \
-    X(KRODynamicsAudioProcessorError) \
-    /* Part 4.5 */ \
-    X(KROSpectralEQAudioProcessorError) \
-    /* Part 5.1 */ \
-    X(KROAudioFileAudioGeneratorError) \
-    /* Part 5.2 */ \
-    X(KROStreamWriterAudioProcessorError) \
-    /* Part 5.3 */ \
-    X(KROAudioFileWriterAudioProcessorError) \
-    X(KROAudioWriterAudioProcessorError) \
-    /* Part 6.6 */ \
-    X(KROAudioFileArrangerAudioGeneratorError) \
-    /* Part 7.3 */ \
-    X(KROMIDIError) \
-    /* Part 8.4 */ \
-    X(KRODatabaseError) \
-    /* Part 8.5 */ \
-    X(KRONetworkError) \
-    /* Part 8.6 */ \
-    X(KROXMLParserError) \
-    /* Part 9.1 */ \
-    X(KROAudioDeviceError) \
-    X(KROAudioPlaythroughError) \
-    X(KROOSXHardwareAudioProcessorError) \
-    /* The audio unit hosts */ \
-    X(APLAudioUnitAudioProcessorError) \
-    /* No user: targets of Algorithm 4 and of Part 5.3 */ \
-    X(KROCocoaError) \
-    X(KROURLError) \
-    X(KROSecurityError) \
+// X(Name) for each family, grouped by the layer that raises it.
+#define KRO_ERROR_FAMILY_LIST(X)                                                                   \
+    /* Data */                                                                                     \
+    X(KROBufferListError)                                                                          \
+    X(KROAudioStreamDescriptionError)                                                              \
+    X(KROAudioConverterError)                                                                      \
+    /* Graph */                                                                                    \
+    X(KROAudioProcessorError)                                                                      \
+    X(KROAudioStreamError)                                                                         \
+    X(KROMixerAudioProcessorError)                                                                 \
+    X(KROSplitterAudioProcessorError)                                                              \
+    X(KRORouterAudioProcessorError)                                                                \
+    /* Files */                                                                                    \
+    X(KROFileError)                                                                                \
+    X(KROAudioFileContentError)                                                                    \
+    /* The format handlers */                                                                      \
+    X(KROAudioFileWAVEContentError)                                                                \
+    X(KROAudioFileAIFFContentError)                                                                \
+    X(KROAudioFileWAV64ContentError)                                                               \
+    X(KROAudioFileCAFContentError)                                                                 \
+    X(KROAudioFileAUContentError)                                                                  \
+    X(KROAudioFileSDIIContentError)                                                                \
+    X(KROAudioFileSFILContentError)                                                                \
+    X(KROAudioFileDDPContentError)                                                                 \
+    X(KROAudioFileFLACContentError)                                                                \
+    X(KROAudioFileVorbisContentError)                                                              \
+    X(KROAudioFileMP3ContentError)                                                                 \
+    X(KROAudioFileM4AContentError)                                                                 \
+    X(KROAudioFileInfoError)                                                                       \
+    /* Processors */                                                                               \
+    X(KRODelayAudioProcessorError)                                                                 \
+    X(KRODynamicsAudioProcessorError)                                                              \
+    X(KROSpectralEQAudioProcessorError)                                                            \
+    /* Streaming */                                                                                \
+    X(KROAudioFileAudioGeneratorError)                                                             \
+    X(KROStreamWriterAudioProcessorError)                                                          \
+    X(KROAudioFileWriterAudioProcessorError)                                                       \
+    X(KROAudioWriterAudioProcessorError)                                                           \
+    /* Arrangement */                                                                              \
+    X(KROAudioFileArrangerAudioGeneratorError)                                                     \
+    /* MIDI */                                                                                     \
+    X(KROMIDIError)                                                                                \
+    /* Utilities */                                                                                \
+    X(KRODatabaseError)                                                                            \
+    X(KRONetworkError)                                                                             \
+    X(KROXMLParserError)                                                                           \
+    /* Platform audio */                                                                           \
+    X(KROAudioDeviceError)                                                                         \
+    X(KROAudioPlaythroughError)                                                                    \
+    X(KROOSXHardwareAudioProcessorError)                                                           \
+    /* The audio unit hosts */                                                                     \
+    X(APLAudioUnitAudioProcessorError)                                                             \
+    /* Targets of errorWithNSError and of the file writers */                                      \
+    X(KROCocoaError)                                                                               \
+    X(KROURLError)                                                                                 \
+    X(KROSecurityError)                                                                            \
     X(KROHTTPError)
 
 #define KRO_ERROR_FAMILY_DECLARATION(Name) KRO_ERROR_FAMILY(Name);

@@ -58,7 +58,7 @@ void KROGetExtended80ForDouble(double value, std::uint8_t bytes[10]) {
     }
     int exponent = 0;
     double fraction = std::frexp(magnitude, &exponent);
-    // A NaN fails "fraction < 1" and is written as infinity, as Algorithm 2 reads.
+    // A NaN fails "fraction < 1" and is written as infinity.
     if (!(fraction < 1) || exponent > 16384) {
         writeFields(sign | kMaximumExponent, 0, 0, bytes);
         return;

@@ -24,7 +24,7 @@ StringTable readStringTable(const std::filesystem::path& path) {
     return table;
 }
 
-// Found once and kept for the life of the process (Algorithm 1 step 3).
+// Found once and kept for the life of the process.
 const StringTable& libraryTable() {
     static const StringTable table = readStringTable(KROResourcePath("krocore.strings"));
     return table;
@@ -61,7 +61,9 @@ std::string KROLocalizedString(std::string_view key) {
     return lookUp(host.table, key);
 }
 
-std::optional<std::string> KROLocalizedString(std::nullptr_t) { return std::nullopt; }
+std::optional<std::string> KROLocalizedString(std::nullptr_t) {
+    return std::nullopt;
+}
 
 void KROSetHostStringTablePath(const std::filesystem::path& path) {
     StringTable table = path.empty() ? StringTable{} : readStringTable(path);

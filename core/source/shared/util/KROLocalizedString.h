@@ -1,7 +1,7 @@
-// Part 1.1 Algorithm 1: the one lookup through which every text that the user
-// sees passes. Two stages: the library's string table "krocore"
-// (krocore.strings, an XML property-list dictionary among the resources),
-// then the host's table. The host's table can add keys, never override them.
+// The one lookup through which every text that the user sees passes. Two
+// stages: the library's string table "krocore" (krocore.strings, an XML
+// property-list dictionary among the resources), then the host's table. The
+// host's table can add keys, never override them.
 #pragma once
 
 #include <cstddef>
@@ -14,9 +14,9 @@
 // the key itself.
 std::string KROLocalizedString(std::string_view key);
 
-// An absent key yields none (Part 1.1 Algorithm 1 step 1).
+// An absent key yields none.
 std::optional<std::string> KROLocalizedString(std::nullptr_t key);
 
-// The host's own table, the Linux form of the application's main bundle
-// (Part 1.1, Left to the implementer). An empty path removes it.
+// The host's own table, the Linux form of the application's main bundle. An
+// empty path removes it.
 void KROSetHostStringTablePath(const std::filesystem::path& path);

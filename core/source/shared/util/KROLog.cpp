@@ -15,7 +15,9 @@ LogSinkSlot& logSinkSlot() {
     return slot;
 }
 
-void writeToSyslog(const std::string& line) { syslog(LOG_NOTICE, "%s", line.c_str()); }
+void writeToSyslog(const std::string& line) {
+    syslog(LOG_NOTICE, "%s", line.c_str());
+}
 
 } // namespace
 

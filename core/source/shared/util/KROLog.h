@@ -1,6 +1,6 @@
-// The one log sink of the library (Overview, Conventions: plain formatted
-// lines on the system log, no levels). Syslog by default; a host or a test
-// may replace the sink to read the exact lines.
+// The one log sink of the library: plain formatted lines on the system log, no
+// levels. Syslog by default; a host or a test may replace the sink to read the
+// exact lines.
 #pragma once
 
 #include <functional>
@@ -17,7 +17,7 @@ void KROSetLogSink(KROLogSink sink);
 // Writes one line, already formatted.
 void KROLogLine(const std::string& line);
 
-// Formats a spec-style format string (KROStringWithFormat) and writes it.
+// Formats a string-table style format (KROStringWithFormat) and writes it.
 template <typename... Arguments> void KROLog(const std::string& format, Arguments&&... arguments) {
     KROLogLine(KROStringWithFormat(format, {KROFormatArgument(arguments)...}));
 }

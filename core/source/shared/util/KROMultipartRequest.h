@@ -1,6 +1,6 @@
-// Part 8.6, Algorithm 15: a POST request whose body is a multipart form.
-// Only the request record is built; sending it is the caller's business.
-// The URL is kept as text, since it names a network resource.
+// A POST request whose body is a multipart form. Only the request record is
+// built; sending it is the caller's business. The URL is kept as text, since it
+// names a network resource.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// The platform's error object on Linux (Part 1.1, Left to the implementer):
-// a domain, a signed integer code and the user information entries.
+// The platform's error object on Linux: a domain, a signed integer code and the
+// user information entries.
 //
 // POSIX errors take a Linux form through errorWithErrno(): an errno becomes an
 // error of "NSCocoaErrorDomain" with the file code of the platform where one

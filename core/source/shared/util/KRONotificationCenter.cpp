@@ -17,7 +17,8 @@ KRONotificationCenter::Token KRONotificationCenter::addObserver(const std::strin
 
 void KRONotificationCenter::removeObserver(Token token) {
     std::lock_guard guard(lock_);
-    std::erase_if(observers_, [token](const Observer& observer) { return observer.token == token; });
+    std::erase_if(observers_,
+                  [token](const Observer& observer) { return observer.token == token; });
 }
 
 void KRONotificationCenter::postNotification(const std::string& name,
@@ -37,8 +38,9 @@ void KRONotificationCenter::postNotification(const std::string& name,
         bool stillObserving = false;
         {
             std::lock_guard guard(lock_);
-            stillObserving = std::any_of(observers_.begin(), observers_.end(),
-                                         [&](const Observer& o) { return o.token == observer.token; });
+            stillObserving =
+                std::any_of(observers_.begin(), observers_.end(),
+                            [&](const Observer& o) { return o.token == observer.token; });
         }
         if (stillObserving) {
             (*observer.callback)(notification);

@@ -1,6 +1,6 @@
-// Notifications (DESIGN.md section 3): names are the strings of the Part that
-// posts them. Observers are called synchronously on the posting thread, in
-// the order they were added.
+// Notifications: names are fixed strings that the posting class defines.
+// Observers are called synchronously on the posting thread, in the order they
+// were added.
 #pragma once
 
 #include <cstdint>

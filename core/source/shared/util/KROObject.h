@@ -1,4 +1,5 @@
-// The root object of the spec's object language (DESIGN.md section 3).
+// The root object of every class of the library: a class name, a description
+// for people, and equality and hash by identity unless a class says more.
 #pragma once
 
 #include <cstddef>
@@ -27,5 +28,9 @@ public:
 // Declares className() and staticClassName() for a class named Name.
 #define KRO_DECLARE_CLASS(Name)                                                                    \
 public:                                                                                            \
-    static std::string staticClassName() { return #Name; }                                         \
-    std::string className() const override { return staticClassName(); }
+    static std::string staticClassName() {                                                         \
+        return #Name;                                                                              \
+    }                                                                                              \
+    std::string className() const override {                                                       \
+        return staticClassName();                                                                  \
+    }

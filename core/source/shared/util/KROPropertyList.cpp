@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <limits>
 #include <mutex>
@@ -946,6 +948,78 @@ bool KROPropertyList::operator==(const KROPropertyList& other) const {
         return *real == otherReal || (std::isnan(*real) && std::isnan(otherReal));
     }
     return value_ == other.value_;
+}
+
+// ---------------------------------------------------------------------------
+// Description.
+
+namespace {
+
+std::string descriptionOfDate(KRODate date) {
+    const std::time_t seconds =
+        std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(date));
+    std::tm parts{};
+    gmtime_r(&seconds, &parts);
+    char text[64];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &parts);
+    return text;
+}
+
+std::string descriptionOfData(const KROData& data) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text = "{length = " + std::to_string(data.size()) + ", bytes = 0x";
+    for (std::uint8_t byte : data) {
+        text.push_back(kDigits[byte >> 4]);
+        text.push_back(kDigits[byte & 0x0F]);
+    }
+    return text + "}";
+}
+
+std::string descriptionOfReal(double value) {
+    char text[64];
+    const auto result = std::to_chars(text, text + sizeof text, value);
+    return std::string(text, result.ptr);
+}
+
+std::string descriptionAtDepth(const KROPropertyList& value, std::size_t depth) {
+    const std::string indent(4 * depth, ' ');
+    const std::string inner(4 * (depth + 1), ' ');
+    switch (value.type()) {
+    case KROPropertyList::Type::String:
+        return *value.stringValue();
+    case KROPropertyList::Type::Integer:
+        return std::to_string(*value.integerValue());
+    case KROPropertyList::Type::Real:
+        return descriptionOfReal(*value.realValue());
+    case KROPropertyList::Type::Boolean:
+        return *value.booleanValue() ? "1" : "0";
+    case KROPropertyList::Type::Date:
+        return descriptionOfDate(*value.dateValue());
+    case KROPropertyList::Type::Data:
+        return descriptionOfData(*value.dataValue());
+    case KROPropertyList::Type::Array: {
+        std::string text = "(";
+        const auto& array = *value.arrayValue();
+        for (std::size_t i = 0; i < array.size(); ++i) {
+            text += (i == 0 ? "\n" : ",\n") + inner + descriptionAtDepth(array[i], depth + 1);
+        }
+        return text + "\n" + indent + ")";
+    }
+    case KROPropertyList::Type::Dictionary: {
+        std::string text = "{\n";
+        for (const auto& [key, entry] : *value.dictionaryValue()) {
+            text += inner + key + " = " + descriptionAtDepth(entry, depth + 1) + ";\n";
+        }
+        return text + indent + "}";
+    }
+    }
+    return {};
+}
+
+} // namespace
+
+std::string KROPropertyList::description() const {
+    return descriptionAtDepth(*this, 0);
 }
 
 // ---------------------------------------------------------------------------

@@ -1,8 +1,8 @@
-// The property dictionary of the spec (Overview, Shared types): a value that
-// is one of string, integer, real, boolean, date, data, array or dictionary.
-// Dictionaries keep the order in which keys were first inserted. Read and
-// written as XML property lists through libplist; binary lists are accepted
-// on read.
+// The property dictionary of settings, descriptions and properties: a value
+// that is one of string, integer, real, boolean, date, data, array or
+// dictionary. Dictionaries keep the order in which keys were first inserted.
+// Read and written as XML property lists through libplist; binary lists are
+// accepted on read.
 #pragma once
 
 #include <chrono>
@@ -104,6 +104,13 @@ public:
                                                      KROErrorPtr* error = nullptr);
     static std::shared_ptr<KROPropertyList> fromFile(const std::filesystem::path& path,
                                                      KROErrorPtr* error = nullptr);
+
+    // The text a person reads, in the platform's form: a string as it is,
+    // numbers in decimal (reals in their shortest exact form, booleans as 1
+    // and 0), dates as "2001-01-01 00:00:00 +0000" in UTC, data as
+    // "{length = 2, bytes = 0x0a0b}", arrays as "(\n    a,\n    b\n)" and
+    // dictionaries as "{\n    key = value;\n}", nested levels indented further.
+    std::string description() const;
 
     // Writing as an XML property list (reals to 17 significant digits).
     std::string toXML() const;

@@ -1,4 +1,4 @@
-// Part 8.6: the long and double ranges and Algorithm 3 of that Part.
+// The long and double ranges, with their union and intersection.
 #pragma once
 
 #include <cstdint>

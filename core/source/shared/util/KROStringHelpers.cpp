@@ -11,6 +11,7 @@ constexpr std::string_view kBase64Alphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr char kPad = '=';
 constexpr std::uint32_t kInvalidCodePoint = 0xFFFFFFFF;
+constexpr std::uint32_t kReplacementCharacter = 0xFFFD;
 
 // Unicode of the Mac OS Roman bytes 0x80…0xFF.
 constexpr std::array<std::uint16_t, 128> kMacRomanHigh = {
@@ -65,8 +66,13 @@ void appendUTF8(std::string& out, std::uint32_t codePoint) {
     } else if (codePoint < 0x800) {
         out.push_back(static_cast<char>(0xC0 | (codePoint >> 6)));
         out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
-    } else {
+    } else if (codePoint < 0x10000) {
         out.push_back(static_cast<char>(0xE0 | (codePoint >> 12)));
+        out.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
+    } else {
+        out.push_back(static_cast<char>(0xF0 | (codePoint >> 18)));
+        out.push_back(static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F)));
         out.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
         out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
     }
@@ -150,7 +156,7 @@ bool atInputEnd(std::string_view text, std::size_t position) {
     return position >= text.size() || text[position] == '\0';
 }
 
-// The padding of Algorithm 14 from the first "=" at position: after two
+// The padding from the first "=" at position: after two
 // characters of a group a second "=" must come; only white space may follow.
 bool acceptsPadding(std::string_view text, std::size_t position, int state) {
     if (state < 2) {
@@ -286,7 +292,8 @@ std::string stringWithFourCharCode(std::uint32_t code) {
     std::array<std::uint8_t, 4> bytes = {
         static_cast<std::uint8_t>(code >> 24), static_cast<std::uint8_t>(code >> 16),
         static_cast<std::uint8_t>(code >> 8), static_cast<std::uint8_t>(code)};
-    // Every byte is replaced on the test of the lowest byte (kept from Part 8.6).
+    // Kept: every byte is replaced on the test of the lowest byte; stored files
+    // and hosts depend on it.
     for (std::uint8_t& byte : bytes) {
         if (bytes[3] < 0x20 || bytes[3] > 0x7E) {
             byte = ' ';
@@ -390,6 +397,71 @@ std::optional<KROData> lossyASCIIPascalString(std::string_view string) {
     return data;
 }
 
+std::string stringWithASCIIBytes(const std::uint8_t* bytes, std::size_t count) {
+    std::string text;
+    text.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        appendUTF8(text, bytes[i]);
+    }
+    return text;
+}
+
+std::string stringWithUTF16LittleEndianBytes(const std::uint8_t* bytes, std::size_t count) {
+    std::string text;
+    const std::size_t units = count / 2;
+    const auto unitAt = [bytes](std::size_t i) {
+        return static_cast<std::uint32_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8));
+    };
+    for (std::size_t i = 0; i < units; ++i) {
+        const std::uint32_t unit = unitAt(i);
+        if (unit >= 0xD800 && unit < 0xDC00 && i + 1 < units && unitAt(i + 1) >= 0xDC00 &&
+            unitAt(i + 1) < 0xE000) {
+            appendUTF8(text, 0x10000 + ((unit - 0xD800) << 10) + (unitAt(i + 1) - 0xDC00));
+            ++i;
+        } else if (unit >= 0xD800 && unit < 0xE000) {
+            appendUTF8(text, kReplacementCharacter);
+        } else {
+            appendUTF8(text, unit);
+        }
+    }
+    return text;
+}
+
+KROData utf16LittleEndianData(std::string_view string) {
+    KROData data;
+    const auto appendUnit = [&data](std::uint32_t unit) {
+        data.push_back(static_cast<std::uint8_t>(unit));
+        data.push_back(static_cast<std::uint8_t>(unit >> 8));
+    };
+    for (std::size_t position = 0; position < string.size();) {
+        std::size_t length = 0;
+        std::uint32_t codePoint = decodeUTF8(string, position, length);
+        if (codePoint == kInvalidCodePoint || (codePoint >= 0xD800 && codePoint < 0xE000) ||
+            codePoint > 0x10FFFF) {
+            codePoint = kReplacementCharacter;
+        }
+        if (codePoint >= 0x10000) {
+            appendUnit(0xD800 + ((codePoint - 0x10000) >> 10));
+            appendUnit(0xDC00 + ((codePoint - 0x10000) & 0x3FF));
+        } else {
+            appendUnit(codePoint);
+        }
+        position += length;
+    }
+    return data;
+}
+
+std::size_t utf16Length(std::string_view string) {
+    std::size_t units = 0;
+    for (std::size_t position = 0; position < string.size();) {
+        std::size_t length = 0;
+        const std::uint32_t codePoint = decodeUTF8(string, position, length);
+        units += codePoint != kInvalidCodePoint && codePoint >= 0x10000 ? 2 : 1;
+        position += length;
+    }
+    return units;
+}
+
 NSLongRange range(std::string_view string) {
     return NSMakeLongRange(0, string.size());
 }
@@ -414,6 +486,16 @@ std::string filename(std::string_view path) {
 
 std::string_view stringByTrimmingWhitespaceAndNewlines(std::string_view string) {
     return trimmedEnd(trimmedStart(string));
+}
+
+std::string lowercaseASCII(std::string_view string) {
+    std::string lowered(string);
+    for (char& c : lowered) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return lowered;
 }
 
 } // namespace kro

@@ -1,4 +1,4 @@
-// Spec-style format strings taken from data (DESIGN.md section 3): a string
+// Format strings taken from data, in the string table's own style: a string
 // table text is never handed to printf. Supported conversions:
 //   %@ (an object's description or a string), %d %i %ld %lu %qi %lld %llu %u
 //   %c %x %X %o %f %e %g (with precision, e.g. %.3f), %s, %%,

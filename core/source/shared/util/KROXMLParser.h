@@ -1,7 +1,6 @@
-// Part 8.6: reads an XML document into a tree of dictionaries, arrays and
-// strings, steered by four lists of element names. The event reader behind
-// it is expat; its events reach the three delegate operations in document
-// order.
+// Reads an XML document into a tree of dictionaries, arrays and strings,
+// steered by four lists of element names. The event reader behind it is expat;
+// its events reach the three delegate operations in document order.
 //
 // External entities are never loaded, parameter entities are not parsed,
 // entity expansion is bounded by expat's amplification limit, and elements
@@ -75,13 +74,13 @@ public:
     // Lower-casing covers the ASCII letters of a name.
     void setMakeKeysLowercase(bool makeKeysLowercase);
 
-    // Algorithm 8. The root container, which can be partial or null after a
-    // failure.
+    // A fresh stack and event reader for each call. The root container, which
+    // can be partial or null after a failure.
     std::shared_ptr<KROPropertyList> objectForData(const KROData& data,
                                                    KROErrorPtr* error = nullptr);
 
-    // The delegate operations (Algorithms 9–12); the element name is the name
-    // as written, prefix included.
+    // The delegate operations; the element name is the name as written,
+    // prefix included.
     void didStartElement(const std::string& elementName, const std::string& namespaceURI,
                          const std::string& qualifiedName, const Attributes& attributes);
     void foundCharacters(std::string_view characters);

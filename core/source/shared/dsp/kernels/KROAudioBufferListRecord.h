@@ -1,4 +1,4 @@
-// Part 1.2: the platform's AudioBufferList record, declared here because the
+// The platform's AudioBufferList record, declared here because the
 // platform headers are absent on Linux. The record is variable-length: it is
 // allocated with room for mNumberBuffers buffers, of which mBuffers names the
 // first. Reach buffer i through KROAudioBufferAt so that no fixed-size array

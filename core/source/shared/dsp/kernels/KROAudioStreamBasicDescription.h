@@ -1,7 +1,7 @@
-// Part 1.3, Left to the implementer: the platform's AudioStreamBasicDescription
-// record and the constants that go with it, declared here because the
-// platform's headers are absent on Linux. Names and values are the
-// platform's, so code written against them reads the same on both.
+// The platform's AudioStreamBasicDescription record and the constants that go
+// with it, declared here because the platform's headers are absent on Linux.
+// Names and values are the platform's, so code written against them reads the
+// same on both.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ constexpr std::uint32_t KROFourCharCode(const char (&text)[5]) {
            (std::uint32_t(std::uint8_t(text[2])) << 8) | std::uint32_t(std::uint8_t(text[3]));
 }
 
-// The nine fields, in the platform's order and widths (Part 1.3, Data model).
+// The nine fields, in the platform's order and widths.
 struct AudioStreamBasicDescription {
     double mSampleRate;
     AudioFormatID mFormatID;
@@ -74,8 +74,8 @@ inline constexpr AudioFormatID kAudioFormatiLBC = KROFourCharCode("ilbc");
 inline constexpr AudioFormatID kAudioFormatDVIIntelIMA = 0x6D730011;
 inline constexpr AudioFormatID kAudioFormatMicrosoftGSM = 0x6D730031;
 
-// Format flags. Only the non-interleaved flag is read by Part 1.3's logic;
-// the converter of Part 1.4 honours the others.
+// Format flags. KROAudioStreamDescription reads only the non-interleaved flag;
+// the converter honours the others.
 inline constexpr AudioFormatFlags kAudioFormatFlagIsFloat = 1U << 0;
 inline constexpr AudioFormatFlags kAudioFormatFlagIsBigEndian = 1U << 1;
 inline constexpr AudioFormatFlags kAudioFormatFlagIsSignedInteger = 1U << 2;
@@ -102,7 +102,7 @@ inline constexpr AudioFormatFlags kAudioFormatFlagsNativeFloatPacked =
     kAudioFormatFlagIsFloat | kAudioFormatFlagsNativeEndian | kAudioFormatFlagIsPacked;
 
 // The platform's audio format service ('fmti' and its statuses), as far as
-// Part 1.3's complete uses it.
+// KROAudioStreamDescription::complete uses it.
 inline constexpr std::uint32_t kAudioFormatProperty_FormatInfo = KROFourCharCode("fmti");
 
 inline constexpr OSStatus kAudioFormatUnspecifiedError =

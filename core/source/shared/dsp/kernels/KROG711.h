@@ -1,9 +1,9 @@
-// Part 1.4, Left to the implementer: the companded formats 'ulaw' and 'alaw'
-// by ITU-T G.711, as Sun's reference g711.c states the algorithms (the code
-// that sox and libsndfile also carry). Decoding gives 16-bit linear values
-// (mu-law within ±32124, A-law within ±32256); encoding reads the top 14
-// (mu-law) or 13 (A-law) bits of a 16-bit value, as the algorithms do.
-// KROSampleConversion.h rounds to those 14 or 13 bits before coding.
+// The companded formats 'ulaw' and 'alaw' by ITU-T G.711, as Sun's reference
+// g711.c states the algorithms (the code that sox and libsndfile also carry).
+// Decoding gives 16-bit linear values (mu-law within ±32124, A-law within
+// ±32256); encoding reads the top 14 (mu-law) or 13 (A-law) bits of a 16-bit
+// value, as the algorithms do. KROSampleConversion.h rounds to those 14 or 13
+// bits before coding.
 #pragma once
 
 #include <cstdint>

@@ -30,7 +30,7 @@ KROSampleCoding codingOfRecord(const AudioStreamBasicDescription& record) {
     if (record.mFormatFlags & kAudioFormatFlagIsFloat) {
         return KROSampleCoding::floatingPoint;
     }
-    // No signed flag means unsigned: 8-bit WAVE (Part 1.4 Algorithm 7).
+    // No signed flag means unsigned: 8-bit WAVE data is unsigned.
     return (record.mFormatFlags & kAudioFormatFlagIsSignedInteger)
                ? KROSampleCoding::signedInteger
                : KROSampleCoding::unsignedInteger;
@@ -156,7 +156,7 @@ OSStatus AudioConverterNew(const AudioStreamBasicDescription* inSourceFormat,
     if (OSStatus status = KROLinearPCMConverter::sideOfRecord(*inDestinationFormat, &output)) {
         return status;
     }
-    // No rate or channel conversion here (Part 1.4, Algorithm 7 needs none).
+    // No rate or channel conversion here: no caller in the library needs one.
     if (!(inSourceFormat->mSampleRate == inDestinationFormat->mSampleRate) ||
         inSourceFormat->mChannelsPerFrame != inDestinationFormat->mChannelsPerFrame) {
         return kAudioConverterErr_OperationNotSupported;

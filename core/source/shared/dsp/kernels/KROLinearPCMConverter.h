@@ -1,17 +1,17 @@
-// Part 1.4, Left to the implementer: the Linux stand-in for the platform's
-// AudioConverter, behind the platform's own function names so that
-// KROAudioConverter reads as the Part describes it. It converts between any
-// two of the formats that KROSampleConversion.h handles:
+// The Linux stand-in for the platform's AudioConverter, behind the platform's
+// own function names so that KROAudioConverter reads the same on every
+// system. It converts between any two of the formats that
+// KROSampleConversion.h handles:
 //
 //   'lpcm' integers of 1 to 32 bits in containers of 1 to 4 bytes (signed, or
 //   unsigned when the signed flag is clear, as 8-bit WAVE has it), floats of
 //   32 and 64 bits, either byte order, interleaved or not, packed or aligned
 //   high or low in their containers; 'ulaw' and 'alaw' of 8 bits.
 //
-// The two formats must have the same rate and channel count: no rate or
-// channel conversion (Part 1.4 Algorithm 7 asks for neither). One packet is
-// one frame. Anything else fails at construction: a format that is not one of
-// the above with kAudioConverterErr_FormatNotSupported ('fmt?'), a pair of
+// The two formats must have the same rate and channel count: no rate or channel
+// conversion, since no caller in the library changes either. One packet is one
+// frame. Anything else fails at construction: a format that is not one of the
+// above with kAudioConverterErr_FormatNotSupported ('fmt?'), a pair of
 // supported formats that differ in rate or channels with
 // kAudioConverterErr_OperationNotSupported ('op??').
 //

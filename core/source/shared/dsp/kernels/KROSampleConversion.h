@@ -1,6 +1,6 @@
-// Part 1.4, Left to the implementer: the sample kernels of the linear PCM
-// path. Each turns the samples of one encoding into 32-bit or 64-bit floats
-// or back, one pass, no allocation, no lock.
+// The sample kernels of the linear PCM path. Each turns the samples of one
+// encoding into 32-bit or 64-bit floats or back, one pass, no allocation, no
+// lock.
 //
 // The rules, the same in every direction and width:
 //

@@ -71,9 +71,10 @@ template <typename Term> float largestOf(const float* a, std::size_t n, float st
             partial[lane] = x > partial[lane] ? x : partial[lane];
         }
     }
-    // No lane holds NaN, so the lanes combine as a plain maximum.
+    // No lane holds NaN, so the lanes combine as a plain maximum. Not an
+    // OpenMP max reduction: clang starts one at -FLT_MAX, which would replace
+    // an empty input's -infinity.
     float largest = start;
-#pragma omp simd reduction(max : largest)
     for (std::size_t lane = 0; lane < kLanes; ++lane) {
         largest = partial[lane] > largest ? partial[lane] : largest;
     }
@@ -134,6 +135,13 @@ KRO_VECTOR_LOOP void kro_vramp(float a, float b, float* c, std::size_t n, std::s
     }
     for (std::size_t i = 0; i < n; ++i) {
         c[i] = a + static_cast<float>(first + i) * b;
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vadd(const float* a, const float* b, float* c, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = a[i] + b[i];
     }
 }
 

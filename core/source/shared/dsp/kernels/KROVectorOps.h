@@ -1,6 +1,6 @@
-// Part 1.2, Performance constraints: the vDSP routines that the buffer lists
-// use, one plain loop each, written to vDSP's formula with unit strides. Each
-// is one pass over contiguous floats and neither allocates nor locks.
+// The vDSP routines that the buffer lists use, one plain loop each, written to
+// vDSP's formula with unit strides. Each is one pass over contiguous floats and
+// neither allocates nor locks.
 //
 // NaN in the extremes: kro_maxv, kro_minv and kro_maxmgv behave like the loop
 // `if (x > m) m = x` (or `<` for the minimum): a NaN sample never compares
@@ -8,8 +8,8 @@
 // starting value (-infinity, +infinity, 0). The sums follow IEEE arithmetic,
 // so a NaN or an infinity in the input reaches the result.
 //
-// The order of summation within one statistic is not specified (Part 1.2):
-// the sums run over several partial sums so that they vectorize.
+// The order of summation within one statistic is free: the sums run over
+// several partial sums so that they vectorize.
 #pragma once
 
 #include <cstddef>
@@ -29,6 +29,9 @@ void kro_vsmul(const float* a, float b, float* c, std::size_t n);
 // index converted to float. A ramp made in pieces, each piece given the index
 // of its first element, equals the ramp made whole.
 void kro_vramp(float a, float b, float* c, std::size_t n, std::size_t first);
+
+// vDSP_vadd: c[i] = a[i] + b[i]. c may be the same vector as a or b.
+void kro_vadd(const float* a, const float* b, float* c, std::size_t n);
 
 // vDSP_vmul: c[i] = a[i] * b[i]. c may be the same vector as a or b.
 void kro_vmul(const float* a, const float* b, float* c, std::size_t n);

@@ -1,0 +1,243 @@
+// The base of every audio file format handler, and the registry that picks
+// one. A handler reads a file into a description (rate, channels, depth,
+// frames), labels and metadata, hands out audio by frame position as
+// non-interleaved floats, and writes a file in three steps. Writing never
+// touches the file a caller means to replace: beginWrite creates a hidden
+// file beside it, and the caller moves the finished file into place.
+//
+// Reading: KROAudioFileContent::fileContentClassAtURL, makeContent, setURL,
+// parse, then getAudio from any disk thread (two at once is allowed: the
+// read lock guards the reader's position). Writing: fileContentClassForFormat,
+// makeContent, the setters, labels and metadata, beginWrite, writeAudio for
+// each block, endWrite, then move URL() to its final name (or, after a
+// failure, endWrite and delete URL()). An instance reads or writes, never
+// both, and is used by one thread at a time apart from getAudio.
+//
+// A handler of bytes builds on the protected part: openFileReader and a
+// chunk list in parse; getLinearAudio for getAudio; beginLinearWrite,
+// writeLinearAudio and closeFileWriter for the write steps. What it adds is
+// its layout: which chunks it walks and writes, and how it patches sizes.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "KROAudioBufferList.h"
+#include "KROAudioConverter.h"
+#include "KROAudioFileContentClass.h"
+#include "KROAudioLabel.h"
+#include "KROFileReader.h"
+#include "KROFileWriter.h"
+#include "KROPropertyList.h"
+
+class KROAudioFileContent : public KROObject {
+    KRO_DECLARE_CLASS(KROAudioFileContent)
+
+public:
+    using Labels = std::vector<std::shared_ptr<KROAudioLabel>>;
+
+    // Empty labels and metadata, everything else zero.
+    KROAudioFileContent() = default;
+    KROAudioFileContent(const KROAudioFileContent&) = delete;
+    KROAudioFileContent& operator=(const KROAudioFileContent&) = delete;
+
+    // ---- The class side
+    //
+    // What each handler class answers about itself. C++ has no virtual
+    // static functions, so these are virtual members that look at nothing of
+    // the instance; the registry asks them of a fresh instance through
+    // KROAudioFileContentClass. The base class answers empty and false.
+
+    // The format name by which writers ask for the handler ("WAVE File").
+    virtual std::string format() const;
+    // The usual file extension, without a dot.
+    virtual std::string extension() const;
+    // Whether the handler recognises the file. Never fails, whatever the file.
+    virtual bool supportsURL(const std::filesystem::path& url) const;
+
+    // The handler class names in the order in which they are asked. A name
+    // with no class behind it is passed over, so that a later build adds a
+    // handler by name alone. The order decides which of two handlers that
+    // would both take a file gets it: headerless VOX and the directories of
+    // DDP come last for that reason.
+    static const std::vector<std::string>& handlerClassNames();
+    // The classes of handlerClassNames that are registered as handlers,
+    // resolved through the class registry on each call, so that a handler
+    // registered later takes its place.
+    static std::vector<KROAudioFileContentClass> fileContentClasses();
+    // The first class whose supportsURL answers true. With no taker, fails
+    // with KROAudioFileContentError code 3 and the file's full path.
+    static std::optional<KROAudioFileContentClass>
+    fileContentClassAtURL(const std::filesystem::path& url, KROErrorPtr* error = nullptr);
+    // The first class whose format equals the name, or none; an empty name
+    // finds none.
+    static std::optional<KROAudioFileContentClass>
+    fileContentClassForFormat(std::string_view format);
+
+    // ---- Reading and writing; the base class answers false to each
+
+    // Opens URL and fills the description, labels and metadata. After a
+    // failure the instance is unusable.
+    virtual bool parse(KROErrorPtr* error = nullptr);
+    // Fills the buffer from that frame on, as many frames as it holds and
+    // the file has left, and sets its frame count to that.
+    virtual bool getAudio(KROAudioBufferList& buffer, std::uint64_t frame,
+                          KROErrorPtr* error = nullptr);
+    // Creates the hidden file and writes all that precedes the samples:
+    // labels and metadata must be in place before. Keys written to the file
+    // may be removed from metadata.
+    virtual bool beginWrite(KROErrorPtr* error = nullptr);
+    // Appends the buffer's frames.
+    virtual bool writeAudio(const KROAudioBufferList& buffer, KROErrorPtr* error = nullptr);
+    // Pads, patches sizes and closes the file; it stays at URL.
+    virtual bool endWrite(KROErrorPtr* error = nullptr);
+
+    // Sets a value by key, as writers pass handler settings. The base class
+    // knows encoding, sampleRate, bitDepth, numberOfChannels,
+    // isFloatingPoint, audioDataByteOrder, bitrate, quality and
+    // writingDirectory; a handler adds its own keys and passes the rest on.
+    // False for a key it does not know or a value of the wrong kind.
+    virtual bool setValue(const KROPropertyList& value, std::string_view key);
+
+    // ---- The description
+
+    // The file being read; while writing, the hidden file being written.
+    const std::filesystem::path& URL() const { return URL_; }
+    void setURL(std::filesystem::path url) { URL_ = std::move(url); }
+    // The size of the file in bytes, set by parse.
+    std::uint64_t fileSize() const { return fileSize_; }
+    // The sample encoding: 'lpcm', 'ulaw', 'alaw' or a compressed code.
+    std::uint32_t encoding() const { return encoding_; }
+    void setEncoding(std::uint32_t encoding) { encoding_ = encoding; }
+    std::uint64_t numberOfChannels() const { return numberOfChannels_; }
+    void setNumberOfChannels(std::uint64_t channels) { numberOfChannels_ = channels; }
+    // The length in frames; grows with each writeAudio.
+    std::uint64_t frames() const { return frames_; }
+    std::uint64_t bitDepth() const { return bitDepth_; }
+    void setBitDepth(std::uint64_t bitDepth) { bitDepth_ = bitDepth; }
+    double sampleRate() const { return sampleRate_; }
+    void setSampleRate(double sampleRate) { sampleRate_ = sampleRate; }
+    bool isFloatingPoint() const { return isFloatingPoint_; }
+    void setIsFloatingPoint(bool isFloatingPoint) { isFloatingPoint_ = isFloatingPoint; }
+    // 1 little-endian, 2 big-endian, as a chunk's byteOrder.
+    std::int32_t audioDataByteOrder() const { return audioDataByteOrder_; }
+    void setAudioDataByteOrder(std::int32_t byteOrder) { audioDataByteOrder_ = byteOrder; }
+    // Bits per second; channels times depth times rate for uncompressed data.
+    std::uint64_t bitrate() const { return bitrate_; }
+    void setBitrate(std::uint64_t bitrate) { bitrate_ = bitrate; }
+    // Markers, regions and the like, in seconds.
+    Labels& labels() { return labels_; }
+    const Labels& labels() const { return labels_; }
+    // A dictionary of the standard metadata keys and whatever else a format carries.
+    KROPropertyList& metadata() { return metadata_; }
+    const KROPropertyList& metadata() const { return metadata_; }
+    // Where the hidden file is written; empty means the system's temporary directory.
+    const std::filesystem::path& writingDirectory() const { return writingDirectory_; }
+    void setWritingDirectory(std::filesystem::path directory) {
+        writingDirectory_ = std::move(directory);
+    }
+    // The encoder's quality, for compressed formats.
+    float quality() const { return quality_; }
+    void setQuality(float quality) { quality_ = quality; }
+
+protected:
+    // ---- Failures
+
+    // An error of the handler's own family; each handler returns its
+    // <class>Error. The base class makes a KROAudioFileContentError.
+    virtual KROErrorPtr errorWithCode(std::int64_t code, const std::string& action) const;
+    // Fails with the handler's family, the action of the key formatted as
+    // "%@ '%@'" with the file's name: how parse and the write steps report.
+    bool failWithFileName(KROErrorPtr* error, std::int64_t code, std::string_view actionKey) const;
+    // The codes that chunked formats share.
+    enum ChunkedFormatCode : std::int64_t {
+        noFormatChunk = 1,
+        sampleFormatNotSupported = 2,
+        noAudioChunk = 3,
+        exceedsSizeLimit = 4,
+        impossibleFormat = 5,
+    };
+
+    // ---- Reading
+
+    // Opens URL without caching and takes fileSize; the reader stays open for getAudio.
+    bool openFileReader(KROErrorPtr* error);
+    void setFrames(std::uint64_t frames) { frames_ = frames; }
+    void setFileSize(std::uint64_t fileSize) { fileSize_ = fileSize; }
+    // The format flags of the samples in the file: float (1), big-endian (2),
+    // signed integer (4). The base class: float for floats, signed for
+    // integers wider than 8 bits (8-bit data is unsigned in most formats),
+    // big-endian when audioDataByteOrder is 2. A handler whose format says
+    // otherwise overrides it.
+    virtual AudioFormatFlags audioDataFormatFlags() const;
+    // The interleaved samples of the file as a stream description.
+    std::shared_ptr<KROAudioStreamDescription> audioDataDescription() const;
+    // getAudio of a handler whose samples are a block of fixed-size frames
+    // at audioDataPosition. The buffer must have numberOfChannels channels
+    // (else KROAudioFileContentError code 1). A buffer of 0 frames succeeds
+    // at once; from frames on, the buffer is silent with its count left as it
+    // was. A file that ends early reads as silence where it has no bytes.
+    bool getLinearAudio(KROAudioBufferList& buffer, std::uint64_t frame, KROErrorPtr* error);
+
+    // ---- Writing
+
+    // The first steps of beginWrite for a handler of bytes: the converter
+    // from floats to the file's samples, then the hidden file beside the
+    // target, open in fileWriter_. The handler then writes its header.
+    bool beginLinearWrite(KROErrorPtr* error);
+    // Creates a file named by a dot and a new UUID in writingDirectory when
+    // the process may write there, else in the temporary directory, sets it
+    // as URL and opens fileWriter_ on it.
+    bool createWritingFile(KROErrorPtr* error);
+    // The most sample bytes a file of the format can hold: 2^32 - 1 by
+    // default, for 32-bit chunk sizes. Formats with 64-bit sizes raise it.
+    virtual std::uint64_t maximumAudioDataLength() const;
+    // writeAudio of a handler of bytes: converts the buffer and appends it.
+    // frames grows first; when the sample bytes would pass
+    // maximumAudioDataLength the call fails with exceedsSizeLimit and writes
+    // nothing.
+    bool writeLinearAudio(const KROAudioBufferList& buffer, KROErrorPtr* error);
+    // The bytes of audio written so far.
+    std::uint64_t audioDataLengthOfFrames(std::uint64_t frames) const;
+    // Closes the file, which stays at URL.
+    void closeFileWriter() { fileWriter_.reset(); }
+
+    // ---- What handlers of bytes share
+
+    // Made on first need: for reading, from the file's samples to floats;
+    // for writing, the other way.
+    std::shared_ptr<KROAudioConverter> converter_;
+    std::unique_ptr<KROFileReader> fileReader_;
+    // Held around each seek and read of fileReader_ once parse is done.
+    std::mutex readLock_;
+    std::unique_ptr<KROFileWriter> fileWriter_;
+    // Where the samples start and how many bytes they take.
+    std::uint64_t audioDataPosition_ = 0;
+    std::uint64_t audioDataLength_ = 0;
+    // Where the size field of the sample chunk lies, patched by endWrite.
+    std::uint64_t dataChunkSizePosition_ = 0;
+
+private:
+    bool makeConverterForReading(KROErrorPtr* error);
+
+    std::filesystem::path URL_;
+    std::uint64_t fileSize_ = 0;
+    std::uint32_t encoding_ = 0;
+    std::uint64_t numberOfChannels_ = 0;
+    std::uint64_t frames_ = 0;
+    std::uint64_t bitDepth_ = 0;
+    double sampleRate_ = 0.0;
+    bool isFloatingPoint_ = false;
+    std::int32_t audioDataByteOrder_ = 0;
+    std::uint64_t bitrate_ = 0;
+    Labels labels_;
+    KROPropertyList metadata_;
+    std::filesystem::path writingDirectory_;
+    float quality_ = 0.0f;
+};
