@@ -1,8 +1,6 @@
 // The loudness meter beside libebur128 on the EBU loudness test signals, made
-// here; the two differences it keeps on purpose (its channel map and its ring
-// of 300 s), measured against libebur128 as well; channel routing, modes and
-// reset; bad input; and a host changing the meter while it renders (run under
-// ThreadSanitizer by `make tsan`).
+// here, and on the two differences it keeps on purpose; routing, modes, reset,
+// bad input, and a host changing the meter while it renders.
 #include <gtest/gtest.h>
 
 #include <ebur128.h>
@@ -41,62 +39,46 @@ std::vector<float> sequence(std::initializer_list<std::pair<double, double>> lev
     return samples;
 }
 
-// libebur128 over the same samples, with a channel map of its kind.
-struct Reference {
-    Reference(std::size_t channels, double rate, const std::vector<int>& map = {})
-        : state(ebur128_init(unsigned(channels), static_cast<unsigned long>(rate),
-                             EBUR128_MODE_S | EBUR128_MODE_I)) {
-        for (std::size_t channel = 0; channel < map.size(); ++channel) {
-            ebur128_set_channel(state, unsigned(channel), map[channel]);
-        }
-    }
-    ~Reference() { ebur128_destroy(&state); }
-    void add(const Channels& channels, std::size_t start, std::size_t frames) {
-        interleaved.assign(frames * channels.size(), 0.0f);
-        for (std::size_t frame = 0; frame < frames; ++frame) {
-            for (std::size_t channel = 0; channel < channels.size(); ++channel) {
-                const auto& samples = channels[channel];
-                interleaved[frame * channels.size() + channel] =
-                    start + frame < samples.size() ? samples[start + frame] : 0.0f;
-            }
-        }
-        ebur128_add_frames_float(state, interleaved.data(), frames);
-    }
-    double read(int (*reading)(ebur128_state*, double*)) {
-        double value = 0.0;
-        reading(state, &value);
-        return value;
-    }
-
-    ebur128_state* state;
-    std::vector<float> interleaved;
-};
-
 struct Agreement {
     double worstMomentary = 0.0, worstShortTerm = 0.0;
     double integrated = 0.0, theirIntegrated = 0.0;
 };
 
-// Three meters (momentary, short-term, integrated) and libebur128 over the
-// same samples in blocks of 100 ms: the worst difference of the momentary and
-// short-term readings once their windows are full, where libebur128 reads
-// above the meter's floor, and both integrated readings in LUFS.
+// Three meters (momentary, short-term, integrated) and libebur128, told the
+// channel map, over the same samples in blocks of 100 ms: the worst difference
+// of the momentary and short-term readings once their windows are full, where
+// libebur128 reads above the meter's floor, and both integrated readings.
 Agreement compare(const Channels& channels, double rate, const std::vector<int>& map = {}) {
     std::vector<Chain> meters;
     for (const char* type : {KROLUMeterMeasurementTypeMomentary, KROLUMeterMeasurementTypeShortTerm,
                              KROLUMeterMeasurementTypeIntegrated}) {
         meters.push_back(meterOf(type, std::uint32_t(channels.size()), rate));
     }
-    Reference reference(channels.size(), rate, map);
+    ebur128_state* state =
+        ebur128_init(unsigned(channels.size()), unsigned(rate), EBUR128_MODE_S | EBUR128_MODE_I);
+    for (std::size_t channel = 0; channel < map.size(); ++channel) {
+        ebur128_set_channel(state, unsigned(channel), map[channel]);
+    }
+    auto read = [&](int (*reading)(ebur128_state*, double*)) {
+        double value = 0.0;
+        reading(state, &value);
+        return value;
+    };
     const std::size_t step = meters[0].meterAs<Meter>()->analysisFrames();
+    std::vector<float> interleaved(step * channels.size());
     Agreement agreement;
     for (std::size_t start = 0, block = 1; start < channels[0].size(); start += step, ++block) {
-        for (auto& meter : meters) {
-            meter.renderSamples(channels, start, step);
+        // The meter passes its input on unchanged: libebur128 reads what it gave.
+        const KROAudioBufferList& passed = meters[0].renderSamples(channels, start, step);
+        for (std::size_t meter = 1; meter < meters.size(); ++meter) {
+            meters[meter].renderSamples(channels, start, step);
         }
-        reference.add(channels, start, step);
-        const double theirs[] = {reference.read(ebur128_loudness_momentary),
-                                 reference.read(ebur128_loudness_shortterm)};
+        for (std::size_t i = 0; i < interleaved.size(); ++i) {
+            interleaved[i] = passed.valueAtFrame(i / channels.size(), i % channels.size());
+        }
+        ebur128_add_frames_float(state, interleaved.data(), step);
+        const double theirs[] = {read(ebur128_loudness_momentary),
+                                 read(ebur128_loudness_shortterm)};
         double* worst[] = {&agreement.worstMomentary, &agreement.worstShortTerm};
         for (int kind = 0; kind < 2; ++kind) {
             if (block >= (kind == 0 ? 4u : 30u) && theirs[kind] > -70.0) {
@@ -106,7 +88,8 @@ Agreement compare(const Channels& channels, double rate, const std::vector<int>&
         }
     }
     agreement.integrated = meters[2].meterAs<Meter>()->level() - 23.0;
-    agreement.theirIntegrated = reference.read(ebur128_loudness_global);
+    agreement.theirIntegrated = read(ebur128_loudness_global);
+    ebur128_destroy(&state);
     return agreement;
 }
 
@@ -133,7 +116,6 @@ TEST(KROLUMeterAudioProcessor, AgreesWithLibebur128OnTheTestSignals) {
     } cases[] = {
         {"-23 dBFS", 48000, {sequence({{-23, 20}}, 48000)}, {}, -23.0},
         {"-33 dBFS", 48000, {sequence({{-33, 20}}, 48000)}, {}, -33.0},
-        {"-36, -23, -36", 48000, {sequence({{-36, 10}, {-23, 60}, {-36, 10}}, 48000)}, {}, -23.0},
         {"-72, -36, -23, -36, -72",
          48000,
          {sequence({{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, 48000)},
@@ -227,12 +209,11 @@ TEST(KROLUMeterAudioProcessor, SlotsFiltersAndSilence) {
     EXPECT_EQ(stereo.meterAs<Meter>()->preFilterCoefficients(),
               (Meter::Coefficients{1.5351828863637502, -2.691804030199196, 1.198426263333146,
                                    -1.6906995865986896, 0.7325047060963897}));
-    const Meter::Coefficients rlb = stereo.meterAs<Meter>()->rlbCoefficients();
     const Meter::Coefficients expected = {1.0000000000000073, -2.0000000000000147,
                                           1.0000000000000073, -1.9900474548339653,
                                           0.9900722503661955};
     for (std::size_t i = 0; i < 5; ++i) {
-        EXPECT_NEAR(rlb[i], expected[i], 1e-15) << i;
+        EXPECT_NEAR(stereo.meterAs<Meter>()->rlbCoefficients()[i], expected[i], 1e-15) << i;
     }
     EXPECT_EQ(stereo.meterAs<Meter>()->level(), -96.0f);
     const Channels tone = {sequence({{-23, 2}}, 48000)};

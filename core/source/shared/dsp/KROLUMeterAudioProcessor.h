@@ -59,6 +59,11 @@ public:
     void render(KROAudioBufferList& buffer, KROAudioOutputBus& bus,
                 KROAudioStreamRenderInfo& info) override;
 
+    // Kept for the host's display, which chooses a scale by it; the meter
+    // does not read it.
+    const std::string& scaleType() const { return scaleType_; }
+    void setScaleType(const std::string& type) { scaleType_ = type; }
+
     const std::string& measurementType() const { return measurementType_; }
     // "momentary", "shortTerm" or "integrated"; any other name measures
     // nothing. A change clears the window; the integrated ring is kept, so a
@@ -114,6 +119,7 @@ private:
     void analyse();
     void gate(float loudness, const std::array<float, slots>& meanSquares);
 
+    std::string scaleType_;
     std::string measurementType_;
     std::atomic<Mode> mode_{Mode::Other};
     std::atomic<bool> windowChangePending_{false};
