@@ -147,7 +147,7 @@ TEST(KRODynamicsAudioProcessor, UpdateFromAHostThreadIsNeverTorn) {
         apply(dynamics, {true, -60, 1.5f});
     };
     fast();
-    chain.sourceAs<KROTestGenerator>()->setValue(0.5f);
+    chain.sourceAs<KROTestGenerator>()->setConstant(0.5f);
     for (int block = 0; block < 10; ++block) {
         chain.render(64);
     }
