@@ -243,9 +243,9 @@ TEST(KRODynamicsAudioProcessor, BadSettingsAndSamplesLeaveTheGainFinite) {
 TEST(KRODynamicsAudioProcessor, SettingsKeysReadBack) {
     KROPropertyList settings;
     double value = 0.0;
-    for (const char* key : {"inputScalar", "outputScalar", "compressionThreshold",
-                            "expansionThreshold", "compressionSlope", "expansionSlope",
-                            "attackTime", "releaseTime"}) {
+    for (const char* key :
+         {"inputScalar", "outputScalar", "compressionThreshold", "expansionThreshold",
+          "compressionSlope", "expansionSlope", "attackTime", "releaseTime"}) {
         settings.setObjectForKey(key, value += 0.25);
     }
     settings.setObjectForKey("enabled", false);
