@@ -8,6 +8,7 @@
 #include "FormatCommand.h"
 #include "InfoCommand.h"
 #include "KROCore.h"
+#include "LoudnessCommand.h"
 #include "PlayCommand.h"
 
 namespace {
@@ -51,6 +52,7 @@ int main(int argc, char** argv) {
     FormatCommand format(app);
     InfoCommand info(app);
     ConvertCommand convert(app);
+    LoudnessCommand loudness(app);
     PlayCommand play(app);
 
     CLI11_PARSE(app, argc, argv);
@@ -72,6 +74,9 @@ int main(int argc, char** argv) {
     }
     if (convert.parsed()) {
         return convert.run();
+    }
+    if (loudness.parsed()) {
+        return loudness.run();
     }
     std::cout << app.help();
     return 0;

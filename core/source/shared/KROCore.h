@@ -95,8 +95,10 @@
 // Signal processors and vector routines
 #include "KROBiquad.h"
 #include "KRODelayAudioProcessor.h"
+#include "KRODynamicsAudioProcessor.h"
 #include "KROFaderAudioProcessor.h"
 #include "KROG711.h"
+#include "KROLUMeterAudioProcessor.h"
 #include "KROLevelMeterAudioProcessor.h"
 #include "KROLinearPCMConverter.h"
 #include "KROMusicalNote.h"
@@ -107,6 +109,8 @@
 #include "KROSineWaveAudioGenerator.h"
 #include "KROSineWaveSynthAudioGenerator.h"
 #include "KROVectorOps.h"
+#include "kx_dsp_gdp.h"
+#include "kx_log.h"
 
 // Platform audio
 #include "KROAudioDevice.h"

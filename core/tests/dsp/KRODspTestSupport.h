@@ -3,6 +3,7 @@
 // with.
 #pragma once
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,10 +19,18 @@ namespace kro_dsp_test {
 
 using kro_graph_test::entry;
 
+using Channels = std::vector<std::vector<float>>;
+
 // An initialised stream of "head" <- ["meter" <-] "source".
 struct Chain {
     std::shared_ptr<KROAudioStream> stream = std::make_shared<KROAudioStream>();
     std::shared_ptr<KROTestHead> head;
+    // What the source plays for renderSamples; held apart, as chains move.
+    struct Tape {
+        const Channels* channels = nullptr;
+        std::uint64_t start = 0;
+    };
+    std::shared_ptr<Tape> tape = std::make_shared<Tape>();
 
     template <typename T> std::shared_ptr<T> get(const char* identifier) const {
         auto processor = std::dynamic_pointer_cast<T>(stream->processorWithIdentifier(identifier));
@@ -31,6 +40,22 @@ struct Chain {
     template <typename T> std::shared_ptr<T> sourceAs() const { return get<T>("source"); }
     template <typename T> std::shared_ptr<T> meterAs() const { return get<T>("meter"); }
     KROAudioBufferList& render(std::uint64_t frames) { return head->renderBlock(frames); }
+
+    // Renders frames of the channels from frame start, the source playing them: the last channel
+    // stands for the rest, and past their end it plays silence. Allocates nothing.
+    KROAudioBufferList& renderSamples(const Channels& channels, std::uint64_t start,
+                                      std::uint64_t frames) {
+        tape->channels = &channels;
+        tape->start = start;
+        sourceAs<KROTestGenerator>()->signal = [tape = tape.get()](std::uint64_t frame,
+                                                                   std::uint32_t channel) {
+            const Channels& played = *tape->channels;
+            const auto& samples = played[std::min<std::size_t>(channel, played.size() - 1)];
+            const std::uint64_t at = tape->start + frame;
+            return at < samples.size() ? samples[at] : 0.0f;
+        };
+        return render(frames);
+    }
 };
 
 // Builds and initialises the chain, offline and running; a failure ends the test program, so that
@@ -59,6 +84,16 @@ inline Chain makeChain(const char* sourceClass, const char* meterClass, std::uin
     chain.head->info()->setRealtime(false);
     chain.head->info()->setRunning(true);
     return chain;
+}
+
+// A sine of the amplitude in dB of full scale, seconds long.
+inline std::vector<float> sine(double decibels, double hertz, double seconds, double sampleRate) {
+    std::vector<float> samples(static_cast<std::size_t>(seconds * sampleRate));
+    const double amplitude = std::pow(10.0, decibels / 20.0);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        samples[i] = float(amplitude * std::sin(2.0 * M_PI * hertz * double(i) / sampleRate));
+    }
+    return samples;
 }
 
 // Native-endian 32-bit floats in a file of the test binary's folder, as

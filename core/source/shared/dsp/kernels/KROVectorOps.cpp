@@ -209,4 +209,93 @@ void kro_clear_bytes(void* destination, std::size_t n) {
         std::memset(destination, 0, n);
     }
 }
+
+KRO_VECTOR_LOOP void kro_vfill(float a, float* c, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = a;
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vsub(const float* a, const float* b, float* c, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = a[i] - b[i];
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vsdiv(const float* a, float b, float* c, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = a[i] / b;
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vsmsa(const float* a, float b, float c, float* d, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        d[i] = a[i] * b + c;
+    }
+}
+
+KRO_VECTOR_LOOP void kro_vclip(const float* a, float low, float high, float* c, std::size_t n) {
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < n; ++i) {
+        const float x = a[i];
+        c[i] = x < low ? low : (x > high ? high : x);
+    }
+}
+
+KRO_VECTOR_LOOP float kro_sve(const float* a, std::size_t n) {
+    return sumOf(a, n, Identity{});
+}
+
+KRO_VECTOR_LOOP float kro_meanv(const float* a, std::size_t n) {
+    if (n == 0) {
+        return 0.0f;
+    }
+    return sumOf(a, n, Identity{}) / static_cast<float>(n);
+}
+
+KRO_VECTOR_LOOP float kro_measqv(const float* a, std::size_t n) {
+    if (n == 0) {
+        return 0.0f;
+    }
+    return sumOf(a, n, Squared{}) / static_cast<float>(n);
+}
+
+KRO_VECTOR_LOOP void kro_conv(const float* a, const float* f, float* c, std::size_t n,
+                              std::size_t p) {
+    // Tap by tap over the whole output, so that the inner loop runs along the
+    // output in vectors and each output still sums its taps in order.
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = 0.0f;
+    }
+    for (std::size_t j = 0; j < p; ++j) {
+        const float tap = f[j];
+        const float* const shifted = a + j;
+#pragma GCC unroll 4
+        for (std::size_t i = 0; i < n; ++i) {
+            c[i] = c[i] + shifted[i] * tap;
+        }
+    }
+}
+
+void kro_vlint(const float* t, const float* b, float* c, std::size_t n, std::size_t m) {
+    const auto last = static_cast<float>(m - 1);
+    for (std::size_t i = 0; i < n; ++i) {
+        const float position = b[i];
+        if (!(position < last)) {
+            c[i] = std::isnan(position) ? position : t[m - 1];
+            continue;
+        }
+        if (position <= 0.0f) {
+            c[i] = t[0];
+            continue;
+        }
+        const auto k = static_cast<std::size_t>(position);
+        const float fraction = position - static_cast<float>(k);
+        c[i] = t[k] + fraction * (t[k + 1] - t[k]);
+    }
+}
 }

@@ -65,4 +65,41 @@ void kro_copy_bytes(void* destination, const void* source, std::size_t n);
 
 // Zeroes n bytes.
 void kro_clear_bytes(void* destination, std::size_t n);
+
+// The loops of the loudness meter and the dynamics engine.
+
+// c[i] = a.
+void kro_vfill(float a, float* c, std::size_t n);
+
+// c[i] = a[i] - b[i]. c may be the same vector as a or b.
+void kro_vsub(const float* a, const float* b, float* c, std::size_t n);
+
+// c[i] = a[i] / b. a and c may be the same vector.
+void kro_vsdiv(const float* a, float b, float* c, std::size_t n);
+
+// d[i] = a[i] * b + c, with two scalars. a and d may be the same vector.
+void kro_vsmsa(const float* a, float b, float c, float* d, std::size_t n);
+
+// c[i] = low where a[i] < low, high where a[i] > high, else a[i]: a NaN
+// passes unchanged. a and c may be the same vector.
+void kro_vclip(const float* a, float low, float high, float* c, std::size_t n);
+
+// sum(a[i]); 0 for n = 0.
+float kro_sve(const float* a, std::size_t n);
+
+// sum(a[i]) / n; 0 for n = 0.
+float kro_meanv(const float* a, std::size_t n);
+
+// sum(a[i]^2) / n; 0 for n = 0.
+float kro_measqv(const float* a, std::size_t n);
+
+// A correlation: c[i] = sum over j < p of a[i + j] * f[j], for i < n. a holds
+// n + p - 1 elements. The sum for each i runs in the order of j.
+void kro_conv(const float* a, const float* f, float* c, std::size_t n, std::size_t p);
+
+// Linear interpolation in a table of m entries at the positions b[i]:
+// c[i] = t[k] + (b[i] - k) * (t[k + 1] - t[k]) with k = floor(b[i]). A
+// position at or past m - 1 reads the last entry and one below 0 the first,
+// so no position reads outside the table. m must be at least 1.
+void kro_vlint(const float* t, const float* b, float* c, std::size_t n, std::size_t m);
 }
