@@ -302,10 +302,9 @@ TEST(KROAudioFileContent, AKilledWriterLeavesTheTargetAsItWas) {
 
 TEST(KROAudioFileContent, SettingsByKeyReachTheirFields) {
     KROTestWAVEContent content;
-    EXPECT_TRUE(content.setValue(KROPropertyList(48000.0), "sampleRate"));
-    EXPECT_TRUE(content.setValue(KROPropertyList(6), "numberOfChannels"));
-    EXPECT_FALSE(content.setValue(KROPropertyList("fast"), "bitDepth"));
-    EXPECT_FALSE(content.setValue(KROPropertyList(1), "noSuchKey"));
-    EXPECT_EQ(content.sampleRate(), 48000.0);
-    EXPECT_EQ(content.numberOfChannels(), 6u);
+    EXPECT_TRUE(content.setValue(KROPropertyList(48000.0), "sampleRate") &&
+                content.setValue(KROPropertyList(6), "numberOfChannels"));
+    EXPECT_FALSE(content.setValue(KROPropertyList("fast"), "bitDepth") ||
+                 content.setValue(KROPropertyList(1), "noSuchKey"));
+    EXPECT_EQ(std::pair(content.sampleRate(), content.numberOfChannels()), std::pair(48000.0, 6ul));
 }

@@ -5,8 +5,8 @@
 #include <fstream>
 #include <functional>
 #include <tuple>
-#include <unistd.h>
 
+#include "../util/KROScratchDirectory.h"
 #include "KROGraphTestClasses.h"
 
 using namespace kro_graph_test;
@@ -305,9 +305,8 @@ TEST(KROAudioStream, TwoPathsInitialiseTwiceAndACycleEnds) {
 
 // init reads the resource named after the class; a bad file passes its error up.
 TEST(KROAudioStream, DescriptionsComeFromResourcesAndFiles) {
-    const auto directory =
-        std::filesystem::temp_directory_path() / ("krocore-streams-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(directory);
+    const KROScratchDirectory scratch;
+    const std::filesystem::path& directory = scratch.path();
     ASSERT_TRUE(chainDescription(2).writeToFile(directory / "KROTestResourceStream.plist"));
     KROTestResourceStream stream;
     KROErrorPtr error;
@@ -323,7 +322,6 @@ TEST(KROAudioStream, DescriptionsComeFromResourcesAndFiles) {
     std::ofstream(directory / "broken.plist") << "<plist><dict><key>processors</key>";
     EXPECT_FALSE(stream.initWithDescriptionFile(directory / "broken.plist", &(error = nullptr)));
     EXPECT_NE(error, nullptr);
-    std::filesystem::remove_all(directory);
     for (const char* name : {"dock-chain.plist", "two-chains.plist"}) {
         SCOPED_TRACE(name);
         ASSERT_TRUE(stream.initWithDescriptionFile(

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <future>
 #include <mutex>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -48,10 +49,9 @@ TEST(KROSerialQueue, TasksRunInTheOrderGivenAndSyncWaitsForThemAll) {
         }
     }
     queue.sync([] {});
-    ASSERT_EQ(log.entries.size(), 200u);
-    for (int i = 0; i < 200; ++i) {
-        EXPECT_EQ(log.entries[static_cast<std::size_t>(i)], i);
-    }
+    std::vector<int> inOrder(200);
+    std::iota(inOrder.begin(), inOrder.end(), 0);
+    EXPECT_EQ(log.entries, inOrder);
     // From inside one of its tasks sync runs at once.
     bool ran = false;
     queue.sync([&] { queue.sync([&] { ran = true; }); });
