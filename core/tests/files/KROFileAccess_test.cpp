@@ -15,8 +15,8 @@
 #include <unistd.h>
 
 #include "KROError.h"
-#include "KROFileTestSupport.h"
 #include "KROFileReader.h"
+#include "KROFileTestSupport.h"
 #include "KROFileWriter.h"
 #include "KROResourceForkFinder.h"
 #include "KROResourceForkParser.h"
@@ -551,8 +551,9 @@ TEST(KROURLExtension, DirectoriesAndTheirItems) {
     EXPECT_EQ(std::pair(size, fileSize), std::pair(std::uint64_t{123}, std::uint64_t{100}));
     EXPECT_TRUE(kro::copyItemsInDirectoryToDirectory(dir / "d", dir / "target", &error) &&
                 kro::copyItemsInDirectoryToDirectory(dir / "d", dir / "fresh/x", &error));
-    EXPECT_EQ(std::pair(KROReadTestFile(dir / "target/b"), KROReadTestFile(dir / "target/sub/deep/c")),
-              std::pair(bytesOf("old"), bytesOf("abc")));
+    EXPECT_EQ(
+        std::pair(KROReadTestFile(dir / "target/b"), KROReadTestFile(dir / "target/sub/deep/c")),
+        std::pair(bytesOf("old"), bytesOf("abc")));
     EXPECT_EQ(KROReadTestFile(dir / "fresh/x/b"), KROReadTestFile(dir / "d/b"));
     EXPECT_TRUE(kro::emptyDirectory(dir / "d", &error) && fs::is_empty(dir / "d"));
     EXPECT_TRUE(kro::deleteItem(dir / "fresh", &error) && !fs::exists(dir / "fresh"));

@@ -190,8 +190,9 @@ TEST(KROAudioProcessor, AClassThatDoesNotInitialiseSaysSo) {
     EXPECT_FALSE(make<KROTestPlainProcessor>()->initializeForInput(&error));
     expectError<KROAudioProcessorError>(
         error, 6,
-        KROStringWithFormatArguments(KROLocalizedString("KROAudioProcessor_action_initializeForInput"),
-                                     "KROTestPlainProcessor"));
+        KROStringWithFormatArguments(
+            KROLocalizedString("KROAudioProcessor_action_initializeForInput"),
+            "KROTestPlainProcessor"));
 }
 
 // Values of the wrong type count as absent. Kept: a generator has no input bus
