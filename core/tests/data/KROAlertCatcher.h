@@ -1,5 +1,4 @@
-// Test helper: while it lives, the host reports that it is running and every
-// error shown by alert() is collected here.
+// While it lives, an application runs and every error shown by alert() is collected.
 #pragma once
 
 #include <memory>

@@ -1,5 +1,4 @@
-// The allocation guard counts every way of reaching the heap on its own
-// thread, within its own span, and nothing else.
+// The guard counts every way to the heap, on its own thread and span only.
 #include "KROAllocationGuard.h"
 
 #include <atomic>
@@ -62,8 +61,6 @@ TEST(KROAllocationGuard, CountsEveryKindOfAllocationInItsSpan) {
     KRO_EXPECT_NO_ALLOCATION(value = value + 1);
 }
 
-// Another thread allocating under this thread's guard counts nothing here,
-// and this thread allocating under another thread's guard nothing there.
 TEST(KROAllocationGuard, CountsOnlyItsOwnThread) {
     std::atomic<int> stage{0};
     const auto waitFor = [&](int value) {

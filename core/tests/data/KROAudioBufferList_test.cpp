@@ -1,6 +1,4 @@
-// Audio buffer lists: frames, sample access, arithmetic, statistics against
-// numpy and long-double loops, the threshold search, and the render path
-// under the allocation guard.
+// Audio buffer lists: access, arithmetic, statistics (numpy), search, real time.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -25,9 +23,7 @@ void expectNear(double actual, long double expected) {
 
 } // namespace
 
-// Reads and writes are bounded by the capacity, not the current frames, so the
-// tail of a short block stays reachable; outside, 0 and nothing. Reversal
-// turns frames around in place, within frames and channels.
+// Access is bounded by the capacity, not the frames: a short block's tail stays reachable.
 TEST(KROAudioBufferList, SampleAccessIsBoundedByTheCapacity) {
     auto list = countingList(2, 16);
     ASSERT_TRUE(list->setFrames(8));
@@ -50,9 +46,7 @@ TEST(KROAudioBufferList, SampleAccessIsBoundedByTheCapacity) {
     EXPECT_EQ(list->valueAtFrame(4, 1), 101);
 }
 
-// Each call on a list of 2 channels of 5 frames of 1.0, cut to 4 frames:
-// clears, mixes, scales and ramps touch their range and channels only, cut to
-// the current frames; a mix adds the common channels unclamped.
+// On 2 x 5 frames of 1.0 cut to 4: each call touches its range and channels only.
 TEST(KROAudioBufferList, ArithmeticTouchesItsRangeOnly) {
     using Samples = std::vector<float>;
     const auto r = NSMakeLongRange;
@@ -96,9 +90,7 @@ TEST(KROAudioBufferList, ArithmeticTouchesItsRangeOnly) {
     }
 }
 
-// The last frame of a ramp gets start + (n - 1) * step, one step short of the
-// end, so a ramp from 1 to 0 over 4 frames scales by 1, 0.75, 0.5, 0.25 and a
-// following ramp from the end value neither repeats nor skips a step.
+// A ramp stops one step short of its end, so chained ramps neither repeat nor skip.
 TEST(KROAudioBufferList, ARampStopsOneStepShortOfItsEnd) {
     auto list = constantList(2, 8, 2.0f);
     list->scaleWithRampStart(1.0f, 0.0f, NSMakeLongRange(0, 4));
@@ -107,8 +99,7 @@ TEST(KROAudioBufferList, ARampStopsOneStepShortOfItsEnd) {
     auto long_ = constantList(1, 512, 1.0f);
     long_->fadeOut();
     EXPECT_EQ(long_->valueAtFrame(511), 1.0f / 512);
-    // A ramp longer than the stack block it is made in runs on evenly across
-    // the blocks, from its start to one step short of its end.
+    // Longer than the stack block it is made in.
     auto ramp = constantList(1, 3005, 1.0f);
     ramp->scaleWithRampStart(0.25f, 1.75f, 0, NSMakeLongRange(2, 3001));
     const auto values = samplesOf(*ramp, 0);
@@ -120,10 +111,7 @@ TEST(KROAudioBufferList, ARampStopsOneStepShortOfItsEnd) {
     EXPECT_NEAR(values[3002], 1.75 - 1.5 / 3001, 1e-6);
 }
 
-// Statistics run over the current frames, not the capacity; average is the
-// mean magnitude, energy the plain sum of squares (numpy checks both below); a
-// missing channel gives 0 and no frames the starting values; NaN is skipped by
-// the extremes and carried by the sums.
+// Statistics cover the frames; NaN is skipped by the extremes and carried by the sums.
 TEST(KROAudioBufferList, StatisticsFollowTheLevelMeaningsOfTheirNames) {
     auto list = makeList(2, 70);
     std::vector<float> values = randomSamples(70, 3, 0.5f);
@@ -146,8 +134,7 @@ TEST(KROAudioBufferList, StatisticsFollowTheLevelMeaningsOfTheirNames) {
     EXPECT_EQ(list->magnitude() + list->energy(), 0.0f);
 }
 
-// numpy's statistics of three channels, then of the list, on random data of
-// a length that leaves a tail past the kernels' lanes.
+// With a tail past the kernels' lanes.
 TEST(KROAudioBufferList, StatisticsMatchNumpy) {
     if (KRORunPython("import numpy\n").status != 0) {
         GTEST_SKIP() << "numpy is not installed (scripts/install-deps installs python3-numpy)";
@@ -187,9 +174,7 @@ TEST(KROAudioBufferList, StatisticsMatchNumpy) {
     }
 }
 
-// The first frame at or above the threshold, from either end; a NaN sample
-// counts as a hit; the list form takes the first channel with a hit, not the
-// earliest frame across channels.
+// From either end; NaN is a hit; the list form takes the first channel with a hit.
 TEST(KROAudioBufferList, TheThresholdSearchFindsTheFirstHit) {
     auto list = makeList(2, 2000);
     fillChannel(*list, 0, {0.0f, 0.6f, 0.1f, -0.75f, 0.2f, 0.65f, kNaN, 0.0f});

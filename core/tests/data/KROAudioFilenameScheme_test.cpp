@@ -1,7 +1,4 @@
-// File name schemes: names built from their parts, names taken apart from
-// the end with the word lists' order deciding, and the user's list of schemes
-// with its built-in defaults, kept in the preferences and written through on
-// every change.
+// File name schemes: names built and taken apart, and the user's list in the preferences.
 #include <gtest/gtest.h>
 
 #include <unistd.h>

@@ -1,5 +1,4 @@
-// The ring: absolute frames wrap around its current length in one or two
-// pieces; a transfer it cannot take changes nothing; nothing allocates.
+// The ring: absolute frames wrap around its length; refused transfers change nothing.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -18,8 +17,7 @@ std::shared_ptr<KROAudioRingBufferList> ring(std::uint64_t frames = 8) {
 
 } // namespace
 
-// 4 frames stored at absolute frame 6 land on positions 6, 7, 0, 1, as from
-// frames -2, 14 and -10; a stored block comes back from its frame, however far.
+// Frame 6 of 8 wraps to 6, 7, 0, 1, as -2, 14 and -10 do.
 TEST(KROAudioRingBufferList, AbsoluteFramesWrapAroundTheRing) {
     const auto block = countingList(2, 4);
     for (const std::int64_t frame : {6, -2, 14, -10}) {
@@ -42,9 +40,7 @@ TEST(KROAudioRingBufferList, AbsoluteFramesWrapAroundTheRing) {
     EXPECT_EQ(samplesOf(*block, 0), (Samples{2, 3, 4, 5}));
 }
 
-// The channel forms move one channel and do not compare channel counts; more
-// frames than the ring, or another channel count for the whole-list forms,
-// change nothing on either side; the ring's length is its current frames.
+// Channel forms ignore the channel count; too many frames or channels change nothing.
 TEST(KROAudioRingBufferList, TransfersKeepToTheirChannelsAndLength) {
     const auto store = ring();
     store->storeChannel(0, *countingList(1, 4), 1, 7);

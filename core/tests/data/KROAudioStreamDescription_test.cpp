@@ -1,5 +1,4 @@
-// Stream descriptions: the working format, the byte counts kept true for
-// linear PCM, equality, names, and completion of what is missing.
+// Stream descriptions: the working format, byte counts, equality, names, completion.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -24,8 +23,7 @@ class OtherObject : public KROObject {
 
 } // namespace
 
-// One channel of non-interleaved 32-bit float at 44100 Hz; the init forms
-// start again from it; a copy is of this class with the same nine fields.
+// Mono non-interleaved float at 44100 Hz; a copy has the same class and fields.
 TEST(KROAudioStreamDescription, ANewDescriptionIsTheWorkingFormat) {
     const Record working{44100, KROFourCharCode("lpcm"), 41, 4, 1, 4, 1, 32, 0};
     EXPECT_TRUE(identical(*Description::defaultDescription()->basicDescription(), working));
@@ -40,9 +38,7 @@ TEST(KROAudioStreamDescription, ANewDescriptionIsTheWorkingFormat) {
     EXPECT_TRUE(identical(*copy->basicDescription(), odd));
 }
 
-// For linear PCM the setters recompute bytes per frame and per packet from
-// depth / 8 with the remainder dropped, times the channels when interleaved;
-// the rate, frames per packet and other formats are left alone.
+// Linear PCM setters recompute the byte counts (depth / 8, times channels when interleaved).
 TEST(KROAudioStreamDescription, LinearPCMKeepsItsByteCountsTrue) {
     const std::tuple<AudioFormatFlags, std::uint64_t, std::uint64_t, std::uint32_t> cases[] = {
         {41, 2, 32, 4},
@@ -75,8 +71,7 @@ TEST(KROAudioStreamDescription, LinearPCMKeepsItsByteCountsTrue) {
     EXPECT_TRUE(identical(*cleared.basicDescription(), Record{0, 0, 0, 0, 0, 0, 0, 16, 0}));
 }
 
-// Eight fields take part, mReserved does not; a NaN rate equals nothing; an
-// object of another class is never equal.
+// mReserved takes no part; a NaN rate equals nothing; another class never equals.
 TEST(KROAudioStreamDescription, EqualityComparesEightFields) {
     const Description working;
     for (const auto field :
@@ -100,8 +95,6 @@ TEST(KROAudioStreamDescription, EqualityComparesEightFields) {
     EXPECT_FALSE(OtherObject().isEqual(working));
 }
 
-// Fixed English names from the format alone, whatever the flags; "unknown"
-// for any other format.
 TEST(KROAudioStreamDescription, FormatNamesComeFromTheFormatAlone) {
     const std::pair<AudioFormatID, const char*> names[] = {
         {KROFourCharCode("lpcm"), "Linear PCM"},
@@ -120,9 +113,7 @@ TEST(KROAudioStreamDescription, FormatNamesComeFromTheFormatAlone) {
     EXPECT_NE(text.find("'lpcm' (Linear PCM), 44100 Hz"), std::string::npos) << text;
 }
 
-// complete() fills frames, bytes and bits per packet for the formats it knows
-// and keeps byte counts that are there; any other record stays as it is and
-// an error shows through alert(), or nothing when no application runs.
+// complete() fills the formats it knows; others stay and alert() when an application runs.
 TEST(KROAudioStreamDescription, CompleteFillsKnownFormatsAndAlertsForTheRest) {
     const auto in = [](AudioFormatID format, AudioFormatFlags flags, std::uint32_t channels,
                        std::uint32_t bits) {

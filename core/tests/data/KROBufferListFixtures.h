@@ -1,5 +1,4 @@
-// Test helpers for buffer lists: lists with known samples, and their samples
-// as vectors.
+// Buffer lists with known samples, and their samples as vectors.
 #pragma once
 
 #include <cstdint>

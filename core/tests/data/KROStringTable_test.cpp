@@ -1,5 +1,4 @@
-// Every key the code uses has a text in core/resources/krocore.strings, and
-// every error family its message.
+// Every key the code uses, and every error family, has its text.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -16,8 +15,7 @@ TEST(KROStringTable, EveryKeyTheCodeUsesHasAText) {
     for (const auto& [key, value] : *table->dictionaryValue()) {
         EXPECT_TRUE(value.stringValue() && !value.stringValue()->empty()) << key;
     }
-    // String literals of the form of a key: a class name in camel case, an
-    // underscore and more; upper-case names such as environment variables are not keys.
+    // A camel-case class name, an underscore and more; not upper-case names.
     const std::regex literal(R"re("((?:KRO|APL)[A-Za-z0-9]*[a-z][A-Za-z0-9]*_[A-Za-z0-9_]+)")re");
     std::size_t keys = 0;
     for (const char* folder : {"core/source", "tools"}) {

@@ -1,6 +1,4 @@
-// The delay: an impulse comes out exactly frameDelay frames later, across
-// blocks of any length and the end of the ring, and never later than the
-// maximum allows.
+// The delay: an impulse exactly frameDelay frames later, never past the maximum.
 #include <gtest/gtest.h>
 
 #include "KROAllocationGuard.h"

@@ -1,6 +1,4 @@
-// Chains for the tests of the signal processors, made of the graph tests'
-// head and generator, and raw-float files for the programs the tests compare
-// with.
+// Chains of the graph tests' head and generator, and raw-float files for outside programs.
 #pragma once
 
 #include <cmath>
@@ -58,8 +56,7 @@ struct Chain {
     }
 };
 
-// Builds and initialises the chain, offline and running; a failure ends the test program, so that
-// no test goes on through a null pointer.
+// Offline and running; a failure ends the program rather than go on through null.
 inline Chain makeChain(const char* sourceClass, const char* meterClass, std::uint32_t channels,
                        std::uint64_t maxFrames, double sampleRate = 48000.0) {
     KROPropertyList head = kro_graph_test::headEntry("head", true);
@@ -96,8 +93,7 @@ inline std::vector<float> sine(double decibels, double hertz, double seconds, do
     return samples;
 }
 
-// Native-endian 32-bit floats in a file of the test binary's folder, as
-// `sox -t f32` and numpy's float32 read them.
+// Native 32-bit floats, as `sox -t f32` and numpy's float32 read them.
 inline std::filesystem::path rawFloatFile(const std::string& name,
                                           const std::vector<float>& samples) {
     const auto folder = std::filesystem::path(KRO_TEST_BINARY_DIR) / "dsp-scratch";
@@ -109,8 +105,7 @@ inline std::filesystem::path rawFloatFile(const std::string& name,
     return path;
 }
 
-// Samples run through an outside program: command names its input file IN
-// and its output file OUT, both raw 32-bit floats.
+// Samples through a command naming raw float files IN and OUT.
 inline std::vector<float> throughCommand(const std::vector<float>& samples, std::string command) {
     const auto in = rawFloatFile("command-in.f32", samples);
     const auto out = in.parent_path() / (in.filename().string() + ".out");

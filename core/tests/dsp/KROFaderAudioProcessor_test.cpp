@@ -1,6 +1,4 @@
-// The fader: a new gain reached over one block (numpy) and then held (sox
-// vol); automation followed exactly offline (numpy) and by one ramp a block
-// in real time; a disabled fader that leaves audio and gain alone.
+// The fader: gain ramps (numpy, sox vol), automation offline and in real time, disabled.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -61,8 +59,7 @@ void expectNear(const std::vector<float>& ours, const std::vector<float>& theirs
     }
 }
 
-// An automation of "gain" over frames 480 to 960 at 48000 Hz, from -20 dB
-// to 0 dB.
+// "gain" from -20 dB to 0 dB over frames 480 to 960.
 std::shared_ptr<KROAudioAutomation> decibelRamp() {
     auto automation = KROAudioAutomation::automation();
     automation->setParameterKey("gain");
@@ -107,8 +104,7 @@ TEST(KROFaderAudioProcessor, OfflineAnAutomationGivesEachFrameTheCurvesExactValu
                1536, 2e-6f);
 }
 
-// Blocks of 256 frames and a source of 1: the output is the gain, asked to
-// be 0.5 outside the automation.
+// A source of 1, so the output is the gain (0.5 outside the automation).
 TEST(KROFaderAudioProcessor, InRealTimeEachBlockRampsBetweenTheCurvesValuesAtItsEnds) {
     struct Case {
         const char* what;

@@ -1,6 +1,4 @@
-// The tone and noise generators: the sine against its closed form, the voice's
-// ramps, the rows of the pink noise and its spectrum against numpy, and bad
-// input, block sizes and the real-time contract for all three.
+// The tone and noise generators: closed forms, ramps, pink rows, numpy, robustness.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -29,8 +27,7 @@ KROMusicalNoteSet note(float semitone, float level) {
     return {KROMusicalNote::noteWithSemitone(semitone, level)};
 }
 
-// The largest distance of any channel from the tone starting at the phase,
-// its gain rising linearly from g0 at frame 0 to g1 at the frame after.
+// The largest distance from the tone at the phase, its gain from g0 to g1 linearly.
 double distanceFromTone(const KROAudioBufferList& buffer, double hertz, double phase,
                         double g0 = 1.0, double g1 = 1.0) {
     double worst = 0.0;
@@ -46,8 +43,6 @@ double distanceFromTone(const KROAudioBufferList& buffer, double hertz, double p
 
 } // namespace
 
-// With whole cycles per block the tone stays its closed form on every
-// channel; with fractional cycles the float phase drifts only a little.
 // Kept: the phase adds the fractional cycles and is never wrapped.
 TEST(KROSineWaveAudioGenerator, TheToneFollowsItsClosedForm) {
     Chain chain = makeChain(kGenerators[0], nullptr, 4, 480);
@@ -68,9 +63,7 @@ TEST(KROSineWaveAudioGenerator, TheToneFollowsItsClosedForm) {
     EXPECT_TRUE(sine->reset() && sine->lastPhase() == 0.0f);
 }
 
-// A voice without a note is digital silence. A note rises from silence to its
-// gain over exactly one block and holds it; its end falls to silence over one
-// block. A block of no frames still takes the level; reset fades in again.
+// No note is silence; a note rises over one block, its end falls over one.
 TEST(KROSineWaveSynthAudioGenerator, NotesRampTheToneOverOneBlock) {
     Chain chain = makeChain(kGenerators[1], nullptr, 3, 512);
     const auto synth = chain.get<Synth>("source");
@@ -96,8 +89,7 @@ TEST(KROSineWaveSynthAudioGenerator, NotesRampTheToneOverOneBlock) {
     EXPECT_EQ(chain.render(300).channel(0)[0], 0.0f);
 }
 
-// The frequency of a semitone, 69 being 440 Hz; of several notes one is taken
-// whole; no note changes nothing; the end of a note keeps the frequency.
+// Note 69 is 440 Hz; of several notes one is taken whole.
 TEST(KROSineWaveSynthAudioGenerator, NotesSetTheFrequencyAndLevel) {
     auto synth = std::make_shared<Synth>();
     ASSERT_TRUE(synth->init());
@@ -120,10 +112,8 @@ TEST(KROSineWaveSynthAudioGenerator, NotesSetTheFrequencyAndLevel) {
               std::pair(Synth::silenceLevel, Synth::frequencyOfSemitone((*taken)->semitone())));
 }
 
-// The index counts 1, 2, ... from initialisation and wraps after 524,287;
-// each frame draws anew the row of the index's trailing zero bits (row 18
-// once in 524,288 frames), then a white value; at index 0 only the white
-// value. The running sum is the sum of the rows.
+// Each frame redraws the row of the index's trailing zero bits (wrapping after
+// 524,287), then a white value.
 TEST(KROPinkNoiseAudioGenerator, EachRowChangesAtItsOctave) {
     Chain chain = makeChain(kGenerators[2], nullptr, 1, 1);
     const Pink::Noise& noise = *chain.get<Pink>("source")->noiseOfChannel(0);
@@ -144,9 +134,7 @@ TEST(KROPinkNoiseAudioGenerator, EachRowChangesAtItsOctave) {
     EXPECT_EQ(mismatches, 0u);
 }
 
-// Every channel of every stream draws from one seed, two draws a frame: a
-// stereo stream takes it twice as fast, its channels differ, and two streams
-// one after the other differ. Pink noise has no reset: its rows run on.
+// One seed for every channel of every stream; pink noise has no reset.
 TEST(KROPinkNoiseAudioGenerator, AllChannelsDrawFromOneSeed) {
     std::vector<float> first;
     for (const std::uint32_t channels : {1u, 2u}) {
@@ -169,8 +157,7 @@ TEST(KROPinkNoiseAudioGenerator, AllChannelsDrawFromOneSeed) {
     }
 }
 
-// The spectrum falls about 10 dB a decade, and once all 19 rows hold values
-// the RMS is that of 20 uniform signed 24-bit values scaled by 2^-23 / 10.
+// About -10 dB a decade; the RMS of 20 uniform 24-bit values scaled by 2^-23 / 10.
 TEST(KROPinkNoiseAudioGenerator, TheSpectrumAndRmsMatchNumpy) {
     if (KRORunCommand("/usr/bin/python3 -c 'import numpy'").status != 0) {
         GTEST_SKIP() << "/usr/bin/python3 with numpy is missing (scripts/install-deps installs it)";
@@ -199,9 +186,7 @@ TEST(KROPinkNoiseAudioGenerator, TheSpectrumAndRmsMatchNumpy) {
     EXPECT_NEAR(rms, std::sqrt(20.0 / 12.0) * 0.2, 0.05 * std::sqrt(20.0 / 12.0) * 0.2);
 }
 
-// All three are made by name with no input bus and no settings keys of their
-// own, shrug off bad settings and absurd frequencies and levels, render any
-// block up to 2^18 frames, and after the first block allocate nothing.
+// Made by name, robust to bad settings, any block up to 2^18 frames, no allocation.
 TEST(KROAudioGenerator, EveryGeneratorIsRobustAndRealTime) {
     const float inf = std::numeric_limits<float>::infinity();
     const float absurd[] = {-440.0f, 0.0f, 1e-30f, 24000.0f,

@@ -1,6 +1,4 @@
-// The DC remover: the same one-pole filter as sox's single-pole high-pass
-// (whose gain of (1 + p) / 2 is taken out), state that survives turning the
-// filter off, and the set-up that has no filter to make.
+// The DC remover against sox's one-pole high-pass (gain (1 + p) / 2 taken out).
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -15,8 +13,7 @@ namespace {
 
 constexpr double kRate = 48000.0;
 
-// A DC offset, a tone and a slow wobble, different on each channel, then
-// a quarter of a second of silence for the filter's tail.
+// DC, a tone and a wobble per channel, then 0.25 s of silence.
 float testSignal(std::uint64_t frame, std::uint32_t channel) {
     const double t = double(frame) / kRate;
     if (t >= 0.75) {

@@ -1,5 +1,4 @@
-// The walks of RIFF, IFF, Wave64 and CAF files: what each keeps, where, and
-// how each ends on damaged and hostile files.
+// The walks of RIFF, IFF, Wave64 and CAF files, also damaged and hostile ones.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -32,15 +31,16 @@ std::vector<std::string> walk(const std::filesystem::path& path, bool inMemory =
     return chunks;
 }
 
-// A RIFF (W) or IFF (A) file of the chunks, its form size the rest of the file.
-KROData form(bool little, std::initializer_list<KROData> chunks) {
+// A RIFF or IFF file of the chunks, its form size the rest of the file.
+KROData form(bool little, std::initializer_list<KROData> chunks, std::uint64_t formSize = 0) {
     KROTestBytes body;
     for (const KROData& chunk : chunks) {
         body.bytes(chunk);
     }
     KROTestBytes file;
     file.text(little ? "RIFF" : "FORM");
-    little ? file.le32(body.size() + 4) : file.be32(body.size() + 4);
+    const std::uint64_t size = formSize ? formSize : body.size() + 4;
+    little ? file.le32(size) : file.be32(size);
     return file.text(little ? "WAVE" : "AIFF").bytes(body.data()).data();
 }
 
@@ -52,59 +52,44 @@ KROData chunk(bool little, std::string_view type, std::uint64_t size, std::size_
     return chunk.fill(bytes, 'x').fill(pad ? bytes % 2 : 0).data();
 }
 
-constexpr bool W = true;
-constexpr bool A = false;
+KROData w(std::string_view type, std::uint64_t size, std::size_t bytes, bool pad = false) {
+    return chunk(true, type, size, bytes, pad);
+}
+KROData a(std::string_view type, std::uint64_t size, std::size_t bytes) {
+    return chunk(false, type, size, bytes);
+}
 
 } // namespace
 
-// The walk steps by the sizes alone and finds the chunk after an odd one
-// whether its pad byte is there or not.
+// The walk finds the chunk after an odd one, pad byte or not.
 TEST(KROAudioFileChunkList, RIFFAndIFFWalksKeepTheseChunks) {
+    using Chunks = std::vector<std::string>;
     const struct {
         const char* what;
         bool little;
         KROData file;
-        std::vector<std::string> expected;
+        Chunks expected;
     } cases[] = {
-        {"odd LIST, padded",
-         W,
-         form(W, {chunk(W, "LIST", 5, 5, true), chunk(W, "data", 4, 4)}),
-         {"LIST@20+5", "data@34+4"}},
-        {"two odd chunks, unpadded",
-         W,
-         form(W, {chunk(W, "abcd", 3, 3), chunk(W, "efgh", 3, 3), chunk(W, "data", 2, 2)}),
-         {"abcd@20+3", "efgh@31+3", "data@42+2"}},
-        {"audio 7 bytes past the end",
-         W,
-         form(W, {chunk(W, "fmt ", 2, 2), chunk(W, "data", 11, 4)}),
-         {"fmt @20+2", "data@30+11"}},
-        {"audio 8 bytes past the end",
-         W,
-         form(W, {chunk(W, "fmt ", 2, 2), chunk(W, "data", 12, 4)}),
-         {"fmt @20+2"}},
-        {"WAVE drops empty, JUNK, free and short LIST chunks",
-         W,
-         form(W, {chunk(W, "data", 0, 0), chunk(W, "JUNK", 2, 2), chunk(W, "free", 2, 2),
-                  chunk(W, "LIST", 3, 3, true), chunk(W, "fmt ", 2, 2)}),
-         {"fmt @60+2"}},
-        {"AIFF keeps an empty SSND, drops a short APPL",
-         A,
-         form(A, {chunk(A, "SSND", 0, 0), chunk(A, "APPL", 2, 2), chunk(A, "COMM", 2, 2)}),
-         {"SSND@20+0", "COMM@38+2"}},
-        {"a code that is not text ends it",
-         A,
-         form(A, {chunk(A, "COMM", 2, 2), chunk(A, "CO\x7FM", 2, 2), chunk(A, "SSND", 2, 2)}),
-         {"COMM@20+2"}},
-        {"so does the end of the form",
-         W,
-         KROTestBytes()
-             .text("RIFF")
-             .le32(14)
-             .text("WAVE")
-             .bytes(chunk(W, "fmt ", 2, 2))
-             .bytes(chunk(W, "data", 2, 2))
-             .data(),
-         {"fmt @20+2"}},
+        {"odd LIST, padded", true, form(true, {w("LIST", 5, 5, true), w("data", 4, 4)}),
+         Chunks{"LIST@20+5", "data@34+4"}},
+        {"two odd chunks, unpadded", true,
+         form(true, {w("abcd", 3, 3), w("efgh", 3, 3), w("data", 2, 2)}),
+         Chunks{"abcd@20+3", "efgh@31+3", "data@42+2"}},
+        {"audio 7 bytes past the end", true, form(true, {w("fmt ", 2, 2), w("data", 11, 4)}),
+         Chunks{"fmt @20+2", "data@30+11"}},
+        {"audio 8 bytes past the end", true, form(true, {w("fmt ", 2, 2), w("data", 12, 4)}),
+         Chunks{"fmt @20+2"}},
+        {"WAVE drops empty, JUNK, free and short LIST chunks", true,
+         form(true, {w("data", 0, 0), w("JUNK", 2, 2), w("free", 2, 2), w("LIST", 3, 3, true),
+                     w("fmt ", 2, 2)}),
+         Chunks{"fmt @60+2"}},
+        {"AIFF keeps an empty SSND, drops a short APPL", false,
+         form(false, {a("SSND", 0, 0), a("APPL", 2, 2), a("COMM", 2, 2)}),
+         Chunks{"SSND@20+0", "COMM@38+2"}},
+        {"a code that is not text ends it", false,
+         form(false, {a("COMM", 2, 2), a("CO\x7FM", 2, 2), a("SSND", 2, 2)}), Chunks{"COMM@20+2"}},
+        {"so does the end of the form", true, form(true, {w("fmt ", 2, 2), w("data", 2, 2)}, 14),
+         Chunks{"fmt @20+2"}},
     };
     KROTemporaryDirectory directory;
     for (const auto& c : cases) {
@@ -127,50 +112,35 @@ TEST(KROAudioFileChunkList, Wave64AndCAFWalksKeepTheseChunks) {
         return KROTestBytes().text(type).be(size, 8).fill(bytes, 'x').data();
     };
     const KROData cafHead = KROTestBytes().text("caff").be(1, 4).data();
+    const auto file = [](const KROData& head, std::initializer_list<KROData> chunks) {
+        KROTestBytes bytes;
+        bytes.bytes(head);
+        for (const KROData& chunk : chunks) {
+            bytes.bytes(chunk);
+        }
+        return bytes.data();
+    };
+    using Chunks = std::vector<std::string>;
     const struct {
         const char* what;
         bool wave64;
         KROData file;
-        std::vector<std::string> expected;
+        Chunks expected;
     } cases[] = {
-        {"Wave64 sizes count the header; chunks align to 8",
-         true,
-         KROTestBytes()
-             .bytes(w64Head)
-             .bytes(w64("fmt ", 27, 8))
-             .bytes(w64("JUNK", 24, 0))
-             .bytes(w64("data", 28, 4))
-             .data(),
-         {"fmt @64+3", "data@120+4"}},
-        {"a Wave64 size of 0 ends the walk",
-         true,
-         KROTestBytes().bytes(w64Head).bytes(w64("fmt ", 24, 0)).bytes(w64("data", 0, 8)).data(),
-         {"fmt @64+0"}},
-        {"a CAF size of -1 runs to the end",
-         false,
-         KROTestBytes()
-             .bytes(cafHead)
-             .bytes(caf("desc", 2, 2))
-             .bytes(caf("data", ~std::uint64_t{0}, 9))
-             .data(),
-         {"desc@20+2", "data@34+9"}},
-        {"a CAF identity comes before the data",
-         false,
-         KROTestBytes()
-             .bytes(cafHead)
-             .bytes(caf("uuid", 19, 19))
-             .bytes(caf("free", 1, 1))
-             .bytes(caf("pakt", 1, 1))
-             .data(),
-         {"uuid@36+3", "pakt@64+1"}},
-        {"a CAF size past everything ends the walk",
-         false,
-         KROTestBytes()
-             .bytes(cafHead)
-             .bytes(caf("data", std::uint64_t{1} << 63, 4))
-             .bytes(caf("desc", 2, 2))
-             .data(),
-         {"data@20+9223372036854775808"}},
+        {"Wave64 sizes count the header; chunks align to 8", true,
+         file(w64Head, {w64("fmt ", 27, 8), w64("JUNK", 24, 0), w64("data", 28, 4)}),
+         Chunks{"fmt @64+3", "data@120+4"}},
+        {"a Wave64 size of 0 ends the walk", true,
+         file(w64Head, {w64("fmt ", 24, 0), w64("data", 0, 8)}), Chunks{"fmt @64+0"}},
+        {"a CAF size of -1 runs to the end", false,
+         file(cafHead, {caf("desc", 2, 2), caf("data", ~std::uint64_t{0}, 9)}),
+         Chunks{"desc@20+2", "data@34+9"}},
+        {"a CAF identity comes before the data", false,
+         file(cafHead, {caf("uuid", 19, 19), caf("free", 1, 1), caf("pakt", 1, 1)}),
+         Chunks{"uuid@36+3", "pakt@64+1"}},
+        {"a CAF size past everything ends the walk", false,
+         file(cafHead, {caf("data", std::uint64_t{1} << 63, 4), caf("desc", 2, 2)}),
+         Chunks{"data@20+9223372036854775808"}},
     };
     KROTemporaryDirectory directory;
     for (const auto& c : cases) {
@@ -182,8 +152,7 @@ TEST(KROAudioFileChunkList, Wave64AndCAFWalksKeepTheseChunks) {
     }
 }
 
-// A million chunks, and lists whose entries claim gigabytes: the walk stops
-// at its limit, and reads stay within the file.
+// A million chunks, or entries claiming gigabytes, cost no more than the file.
 TEST(KROAudioFileChunkList, HostileFilesCostNoMoreThanTheyHold) {
     KROTemporaryDirectory directory;
     KROTestBytes marks;
@@ -199,7 +168,8 @@ TEST(KROAudioFileChunkList, HostileFilesCostNoMoreThanTheyHold) {
 
     KROWriteTestFile(
         directory / "lies",
-        form(W, {KROTestBytes().text("LIST").le32(12).text("INFOINAM").le32(0x7FFFFFFF).data()}));
+        form(true,
+             {KROTestBytes().text("LIST").le32(12).text("INFOINAM").le32(0x7FFFFFFF).data()}));
     KROFileReader reader;
     ASSERT_TRUE(reader.initWithURL(directory / "lies"));
     KROWAVEChunkList list;
@@ -215,8 +185,7 @@ TEST(KROAudioFileChunkList, HostileFilesCostNoMoreThanTheyHold) {
                                                                    "\x7F");
 }
 
-// The audio of files that sox writes lies where the walk says, as many bytes
-// as sox reports samples, and ends with the file.
+// The audio of sox's files lies where the walk says, as long as sox reports.
 TEST(KROAudioFileChunkList, WalksFindTheAudioOfFilesSoxWrites) {
     const struct {
         const char* extension;

@@ -1,5 +1,5 @@
-// The handler registry, and the read and write protocol driven through a
-// WAVE handler, against libsndfile and sox.
+// The handler registry and the read/write protocol through a WAVE handler, against
+// libsndfile and sox.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -19,8 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A handler of files that start with "KROT", registered under a name of a
-// registry row that no build of the library fills.
+// Takes files that start with "KROT", under a row no build of the library fills.
 class KROTestMagicContent : public KROAudioFileContent {
 public:
     explicit KROTestMagicContent(std::string name) : name_(std::move(name)) {}
@@ -55,9 +54,7 @@ std::shared_ptr<KROTestWAVEContent> writerFor(const fs::path& directory, std::ui
 
 } // namespace
 
-// Handlers that arrive in later builds are held by stand-ins that take no
-// file and no format. When a real handler replaces one, this list and the
-// stand-ins' list lose its name.
+// Handlers of later builds are stand-ins that take no file and no format.
 TEST(KROAudioFileContent, HandlersStillToComeAreHeldByStandIns) {
     const std::vector<std::string> stillToCome = {
         "KROAudioFileAIFFContent", "KROAudioFileCAFContent",    "KROAudioFileSFILContent",
@@ -77,8 +74,7 @@ TEST(KROAudioFileContent, HandlersStillToComeAreHeldByStandIns) {
     }
 }
 
-// A later build adds a handler by its name alone; of two that take a file,
-// the earlier row gets it. A file nobody takes is reported with its path.
+// Of two handlers that take a file the earlier row gets it; none is reported with the path.
 TEST(KROAudioFileContent, TheRegistryAsksItsRowsInOrder) {
     for (const char* name : {"KROAudioFileMusepackContent", "KROAudioFileMonkeysAudioContent"}) {
         KROClassRegistry::sharedRegistry().registerClass(name, "KROAudioFileContent", [name] {
@@ -155,7 +151,6 @@ TEST(KROAudioFileContent, GetAudioAtTheEdgesOfTheFile) {
         EXPECT_EQ(first == 0.5f ? untouched : first == 0.0f ? silent : audio, c.first);
         EXPECT_EQ(error ? error->code() : 0, c.succeeds ? 0 : 1);
     }
-    // Cut inside its audio, the file reads as silence where it has no bytes.
     const auto bytes = KROReadTestFile(path);
     KROWriteTestFile(path, KROData(bytes.begin(), bytes.end() - 4));
     const auto buffer = KROAudioBufferList::bufferListWithChannels(2, 4);
@@ -164,8 +159,7 @@ TEST(KROAudioFileContent, GetAudioAtTheEdgesOfTheFile) {
     EXPECT_EQ(buffer->channel(0)[1], 0.0f);
 }
 
-// Two disk threads read one file at once, each from its own places; the
-// read lock keeps each seek with its read.
+// Two threads read one file at once; the lock keeps each seek with its read.
 TEST(KROAudioFileContent, TwoThreadsReadOneFileAtOnce) {
     KROTemporaryDirectory directory;
     const fs::path path = directory / "shared.wav";
@@ -192,9 +186,7 @@ TEST(KROAudioFileContent, TwoThreadsReadOneFileAtOnce) {
     EXPECT_EQ(mismatches[0] + mismatches[1], 0);
 }
 
-// What the handler writes, libsndfile reads back, in every sample format, in
-// a hidden file beside the target or, where that cannot be written, in the
-// temporary directory.
+// libsndfile reads what is written, hidden beside the target or in the temporary directory.
 TEST(KROAudioFileContent, LinearWritingMakesFilesLibsndfileReads) {
     KROTemporaryDirectory directory;
     for (const auto& [bitDepth, isFloat, step] : {std::tuple{8, false, 1.0f / 128},
@@ -219,8 +211,7 @@ TEST(KROAudioFileContent, LinearWritingMakesFilesLibsndfileReads) {
     fs::remove(elsewhere->URL());
 }
 
-// Past the format's size limit the write fails with the handler's code 4,
-// frames already counted; the file it was to replace never changed.
+// Past the size limit the write fails with code 4 and the target stays as it was.
 TEST(KROAudioFileContent, WritingPastTheSizeLimitFailsAndLeavesTheTarget) {
     KROTemporaryDirectory directory;
     const KROData original = KROTestBytes().text("the take as it was").data();
@@ -242,8 +233,7 @@ TEST(KROAudioFileContent, WritingPastTheSizeLimitFailsAndLeavesTheTarget) {
     EXPECT_EQ(KROReadTestFile(directory / "take.wav"), original);
 }
 
-// A writer killed mid-file leaves the file it was to replace byte for byte;
-// what remains of its work is the hidden file beside it.
+// A writer killed mid-file leaves the target byte for byte, and its hidden file.
 TEST(KROAudioFileContent, AKilledWriterLeavesTheTargetAsItWas) {
     KROTemporaryDirectory directory;
     const fs::path target = directory / "take.wav";
@@ -280,10 +270,9 @@ TEST(KROAudioFileContent, AKilledWriterLeavesTheTargetAsItWas) {
 
 TEST(KROAudioFileContent, SettingsByKeyReachTheirFields) {
     KROTestWAVEContent content;
-    EXPECT_TRUE(content.setValue(KROPropertyList(48000.0), "sampleRate"));
-    EXPECT_TRUE(content.setValue(KROPropertyList(6), "numberOfChannels"));
-    EXPECT_FALSE(content.setValue(KROPropertyList("fast"), "bitDepth"));
-    EXPECT_FALSE(content.setValue(KROPropertyList(1), "noSuchKey"));
-    EXPECT_EQ(content.sampleRate(), 48000.0);
-    EXPECT_EQ(content.numberOfChannels(), 6u);
+    EXPECT_TRUE(content.setValue(KROPropertyList(48000.0), "sampleRate") &&
+                content.setValue(KROPropertyList(6), "numberOfChannels"));
+    EXPECT_FALSE(content.setValue(KROPropertyList("fast"), "bitDepth") ||
+                 content.setValue(KROPropertyList(1), "noSuchKey"));
+    EXPECT_EQ(std::pair(content.sampleRate(), content.numberOfChannels()), std::pair(48000.0, 6ul));
 }

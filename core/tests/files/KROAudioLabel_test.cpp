@@ -1,5 +1,4 @@
-// Labels: their times, their items by key, their properties, and the
-// clipboard through a host's hooks.
+// Labels: times, items by key, properties, and the clipboard through a host's hooks.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -49,8 +48,7 @@ TEST(KROAudioLabel, StartsEndsAndRanges) {
     EXPECT_FALSE(label("region", 3, 1.5)->isWithinRange(threeToFour));
 }
 
-// Any key but the label's own four is the value of an item, which points back
-// at the label while it holds it.
+// Any other key is an item, which points back at the label that holds it.
 TEST(KROAudioLabel, OtherKeysLiveInItemsInTheOrderFirstSet) {
     const auto marker = label("marker", 1, 0);
     marker->setValue(KROPropertyList("intro"), "name");
@@ -131,8 +129,7 @@ TEST(KROAudioLabel, NamesComeFromTheStringTable) {
     EXPECT_TRUE(description.ends_with(": type=marker, location=1.50, length=0.00")) << description;
 }
 
-// Values show as the platform shows them: formats write a value that is not
-// text by its description, and read dates back in this form.
+// Values that are not text show by their description; dates read back in that form.
 TEST(KROMetadataItem, DescriptionsShowValuesAsThePlatformDoes) {
     struct Case {
         KROPropertyList value;

@@ -1,6 +1,4 @@
-// File access: the positioned reader and writer, the URL services with their
-// moves and copies, and resource forks in their places and containers; bad
-// input throughout, and a Sound Designer II file written by libsndfile.
+// File access: reader, writer, URL services, resource forks (one written by libsndfile).
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -18,6 +16,7 @@
 
 #include "KROError.h"
 #include "KROFileReader.h"
+#include "KROFileTestSupport.h"
 #include "KROFileWriter.h"
 #include "KROResourceForkFinder.h"
 #include "KROResourceForkParser.h"
@@ -32,11 +31,6 @@ KROData bytesOf(std::string_view text) {
     return KROData(text.begin(), text.end());
 }
 
-void writeFile(const fs::path& path, const KROData& bytes) {
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-}
-
 template <typename T> KROData rawBytes(const T& value) {
     const auto* raw = reinterpret_cast<const std::uint8_t*>(&value);
     return KROData(raw, raw + sizeof value);
@@ -47,13 +41,7 @@ KROData operator+(KROData left, const KROData& right) {
     return left;
 }
 
-KROData readFile(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return KROData(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
-// An error with the code whose sentence opens with the action: the key's
-// text, applied as a format to `thing`.
+// An error with the code whose sentence opens with the key's text formatted with `thing`.
 void expectError(const KROErrorPtr& error, std::int64_t code, std::string_view key,
                  const std::string& thing = {}) {
     ASSERT_TRUE(error) << "no error for " << key;
@@ -63,8 +51,7 @@ void expectError(const KROErrorPtr& error, std::int64_t code, std::string_view k
                                         error->failureReason() + ".");
 }
 
-// Runs body in a forked child and answers what it returned: for state kept
-// for the life of a process, and for mount namespaces.
+// What body answers in a forked child: for state kept per process, and mount namespaces.
 std::string runInChild(const std::function<std::string()>& body) {
     int channel[2];
     if (::pipe(channel) != 0) {
@@ -87,8 +74,7 @@ std::string runInChild(const std::function<std::string()>& body) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? answer : "the child failed";
 }
 
-// In a forked child: a tmpfs of `bytes` at mountPoint in a private mount
-// namespace, through a user namespace when not root; false when not allowed.
+// A tmpfs of `bytes` at mountPoint in a private (user) namespace; false when not allowed.
 bool mountSmallTmpfs(const fs::path& mountPoint, std::size_t bytes) {
     const std::string uid = std::to_string(::getuid()), gid = std::to_string(::getgid());
     if (::unshare(CLONE_NEWNS) != 0) {
@@ -127,9 +113,8 @@ struct TestResource {
     KROData data;
 };
 
-// A classic resource fork: a header of 16 bytes and 240 reserved, the data,
-// then a map of 28 bytes, the type list, the references and the names.
-// Resources of one type come together. `map` is where the map starts.
+// A classic resource fork (header, data, map, types, references, names);
+// resources of one type come together. `map` is where the map starts.
 KROData makeFork(const std::vector<TestResource>& resources, std::size_t* map = nullptr) {
     std::vector<std::pair<std::uint32_t, int>> types;
     for (const auto& resource : resources) {
@@ -174,8 +159,7 @@ KROData makeFork(const std::vector<TestResource>& resources, std::size_t* map = 
     return fork;
 }
 
-// An AppleDouble file with a Finder info entry and, unless the fork is
-// empty, the fork as entry 2.
+// An AppleDouble file: Finder info, and the fork as entry 2 unless it is empty.
 KROData makeAppleDouble(const KROData& fork) {
     const std::size_t entries = fork.empty() ? 1 : 2, info = 26 + 12 * entries;
     KROData bytes;
@@ -200,23 +184,11 @@ bool setForkAttribute(const fs::path& path, const KROData& bytes) {
                       bytes.size(), 0) == 0;
 }
 
-// A fresh directory for one test, removed at its end.
-struct Scratch {
-    Scratch() {
-        std::string name = (kro::temporaryDirectory() / "kro-files-XXXXXX").string();
-        directory = ::mkdtemp(name.data());
-    }
-    ~Scratch() {
-        std::error_code ignored;
-        fs::remove_all(directory, ignored);
-    }
-    fs::path operator/(const std::string& name) const { return directory / name; }
+struct Scratch : KROTemporaryDirectory {
     fs::path file(const std::string& name, std::string_view text) const {
-        writeFile(directory / name, bytesOf(text));
-        return directory / name;
+        KROWriteTestFile(*this / name, bytesOf(text));
+        return *this / name;
     }
-
-    fs::path directory;
 };
 
 std::shared_ptr<KROFileReader> readerOf(const fs::path& url, bool inMemory = false) {
@@ -227,9 +199,8 @@ std::shared_ptr<KROFileReader> readerOf(const fs::path& url, bool inMemory = fal
 
 } // namespace
 
-// A short read fails with code 999. Kept: in memory the count stays as asked
-// and the position moves to the end; on the stream the count becomes what
-// arrived, 0 after a stream error. No bytes, or no count, succeed.
+// A short read fails with 999. Kept: in memory the count stays as asked and the
+// position goes to the end; on the stream the count is what arrived.
 TEST(KROFileReader, ShortReadsTellTheirCountByPath) {
     Scratch dir;
     dir.file("a", "abcdef");
@@ -272,10 +243,8 @@ TEST(KROFileReader, ShortReadsTellTheirCountByPath) {
     }
 }
 
-// On the stream the end mark comes only from a read; in memory it is the
-// position. The length is kept once known and restores the position; a
-// length of 0 is asked again. A pipe has no position. A byte goes back on the
-// stream, and not after the move to memory.
+// The stream sees its end only by reading; a known length is kept, 0 is asked
+// again; a pipe has no position; a byte goes back only on the stream.
 TEST(KROFileReader, PositionsLengthAndPushBack) {
     Scratch dir;
     const fs::path url = dir.file("a", "0123456789");
@@ -322,9 +291,8 @@ TEST(KROFileReader, PositionsLengthAndPushBack) {
     ::close(channel[0]), ::close(channel[1]);
 }
 
-// The move to memory is once and for good: a page-aligned image, no stream,
-// never cached. A file that is gone, or that grew behind the stream, fails
-// with its own error and keeps the stream.
+// The move to memory is for good (page-aligned, never cached); a file gone or
+// grown behind the stream fails with its own error and keeps the stream.
 TEST(KROFileReader, LoadIntoMemoryMovesTheReaderForGood) {
     Scratch dir;
     auto reader = readerOf(dir.file("a", "0123456789"));
@@ -353,8 +321,7 @@ TEST(KROFileReader, LoadIntoMemoryMovesTheReaderForGood) {
     EXPECT_EQ(data, bytesOf("short"));
 }
 
-// Readers and writers fail to open with errno and the opening action; an
-// empty URL gives none and no error; a writer needs an existing file.
+// Opening fails with errno; an empty URL fails without error; a writer needs a file.
 TEST(KROFileReader, OpeningFailsWithErrno) {
     Scratch dir;
     fs::create_directory(dir / "folder.wav");
@@ -384,8 +351,7 @@ TEST(KROFileReader, OpeningFailsWithErrno) {
     }
 }
 
-// Values go out in the host's byte order and can be patched. A small write
-// meets a full disk at the flush, a large one at once.
+// Host byte order, patchable; a full disk is met at the flush, or at once when large.
 TEST(KROFileWriter, WritesPatchesAndMeetsAFullDisk) {
     Scratch dir;
     const fs::path url = dir.file("out", "");
@@ -396,7 +362,7 @@ TEST(KROFileWriter, WritesPatchesAndMeetsAFullDisk) {
                 writer.setPositionToBeginning() && writer.writeIntValue(0x55667788) &&
                 writer.setPosition(12) && writer.writeBuffer("TAIL", 4) && writer.flush() &&
                 writer.setPositionToEnd() && writer.getPosition(position) && position == 16);
-    EXPECT_EQ(readFile(url),
+    EXPECT_EQ(KROReadTestFile(url),
               rawBytes(std::int32_t{0x55667788}) + rawBytes(std::int64_t{-2}) + bytesOf("TAIL"));
 
     KROFileWriter full, large;
@@ -414,7 +380,6 @@ TEST(KROFileWriter, WritesPatchesAndMeetsAFullDisk) {
 
 namespace {
 
-// A writable directory on another file system than dir, or empty.
 fs::path otherFileSystem(const fs::path& dir) {
     struct stat here {
     }, there{};
@@ -429,7 +394,6 @@ fs::path otherFileSystem(const fs::path& dir) {
     return {};
 }
 
-// Whether dir holds a temporary item of a move or copy.
 bool holdsLeftovers(const fs::path& dir) {
     return std::any_of(fs::recursive_directory_iterator(dir), {}, [](const auto& item) {
         return item.path().filename().string().find(".kro-") != std::string::npos;
@@ -438,18 +402,17 @@ bool holdsLeftovers(const fs::path& dir) {
 
 } // namespace
 
-// Existence follows links; a new file is empty, an existing one keeps its
-// bytes; directories come with their parents; each refusal has its code.
+// Existence follows links; creating keeps existing bytes and makes parents.
 TEST(KROURLExtension, ExistenceAndCreation) {
     Scratch dir;
     const fs::path plain = dir.file("a", "keep these bytes");
     fs::create_symlink(dir / "missing", dir / "dangling");
     EXPECT_TRUE(kro::existsAsFile(plain) && !kro::existsAsDirectory(plain));
-    EXPECT_TRUE(kro::existsAsDirectory(dir.directory) && !kro::existsAsFile(dir.directory));
+    EXPECT_TRUE(kro::existsAsDirectory(dir.path()) && !kro::existsAsFile(dir.path()));
     EXPECT_FALSE(kro::exists(dir / "missing") || kro::exists(dir / "dangling"));
     KROErrorPtr error;
     EXPECT_TRUE(kro::createFile(plain, &error) && kro::createFile(dir / "new", &error));
-    EXPECT_EQ(readFile(plain), bytesOf("keep these bytes"));
+    EXPECT_EQ(KROReadTestFile(plain), bytesOf("keep these bytes"));
     EXPECT_EQ(fs::file_size(dir / "new"), 0u);
     EXPECT_TRUE(kro::createDirectory(dir / "b/c/", &error) && kro::createDirectory(dir / "b/c"));
     const std::tuple<fs::path, bool, std::int64_t, const char*> failures[] = {
@@ -464,15 +427,14 @@ TEST(KROURLExtension, ExistenceAndCreation) {
     }
 }
 
-// A rename keeps the extension unless the new name has one. A move onto
-// itself touches nothing and a move within a volume is a rename; no move or
-// copy replaces a target or goes into itself.
+// A rename keeps the extension unless given one; a move onto itself touches
+// nothing; no move or copy replaces a target or goes into itself.
 TEST(KROURLExtension, MovesAndCopiesNeverReplace) {
     Scratch dir;
     KROErrorPtr error;
     ASSERT_TRUE(kro::renameTo(dir.file("a.wav", "wave"), "b", &error) &&
                 kro::renameTo(dir.file("a.wav", "second"), "c.aif", &error));
-    EXPECT_EQ(std::pair(readFile(dir / "b.wav"), readFile(dir / "c.aif")),
+    EXPECT_EQ(std::pair(KROReadTestFile(dir / "b.wav"), KROReadTestFile(dir / "c.aif")),
               std::pair(bytesOf("wave"), bytesOf("second")));
     struct stat before {
     }, after{};
@@ -489,7 +451,7 @@ TEST(KROURLExtension, MovesAndCopiesNeverReplace) {
     dir.file("e/f/g", "g");
     EXPECT_TRUE(kro::copyTo(dir / "d.wav", dir / "copy.wav", &error) &&
                 kro::copyTo(dir / "e", dir / "h", &error));
-    EXPECT_EQ(std::pair(readFile(dir / "copy.wav"), readFile(dir / "h/f/g")),
+    EXPECT_EQ(std::pair(KROReadTestFile(dir / "copy.wav"), KROReadTestFile(dir / "h/f/g")),
               std::pair(bytesOf("wave"), bytesOf("g")));
     using Transfer = bool (*)(const kro::URL&, const kro::URL&, KROErrorPtr*);
     const std::tuple<Transfer, const char*, const char*, std::int64_t, const char*> failures[] = {
@@ -504,7 +466,7 @@ TEST(KROURLExtension, MovesAndCopiesNeverReplace) {
                     transfer == kro::moveTo ? "KROFile_action_moving" : "KROFile_action_copying",
                     name);
     }
-    EXPECT_EQ(readFile(dir / "d.wav"), bytesOf("wave"));
+    EXPECT_EQ(KROReadTestFile(dir / "d.wav"), bytesOf("wave"));
     EXPECT_FALSE(kro::moveTo(dir / "c.aif", dir / "d.wav", &error));
     EXPECT_EQ(error->description(), "Moving \u201c"
                                     "c"
@@ -513,15 +475,13 @@ TEST(KROURLExtension, MovesAndCopiesNeverReplace) {
         EXPECT_FALSE(transfer(dir / "e", dir / "e/f/e", &error));
         EXPECT_EQ(error->code(), EINVAL);
     }
-    EXPECT_FALSE(holdsLeftovers(dir.directory));
+    EXPECT_FALSE(holdsLeftovers(dir.path()));
 }
 
-// Across file systems a move copies bytes, mode and links, then removes the
-// source; it refuses an existing target, takes its copy back when the source
-// cannot go, and leaves nothing on a volume that fills up.
+// Across file systems a move copies bytes, mode and links or leaves nothing.
 TEST(KROURLExtension, AMoveAcrossFileSystemsIsWholeOrNothing) {
     Scratch dir;
-    const fs::path other = otherFileSystem(dir.directory);
+    const fs::path other = otherFileSystem(dir.path());
     if (other.empty()) {
         GTEST_SKIP() << "no second writable file system on this machine";
     }
@@ -529,7 +489,7 @@ TEST(KROURLExtension, AMoveAcrossFileSystemsIsWholeOrNothing) {
     for (std::size_t index = 0; index < bytes.size(); ++index) {
         bytes[index] = std::uint8_t(index * 7);
     }
-    writeFile(dir / "a.wav", bytes);
+    KROWriteTestFile(dir / "a.wav", bytes);
     ::chmod((dir / "a.wav").c_str(), 0640);
     fs::create_directories(dir / "album/disc 1");
     dir.file("album/disc 1/track.wav", "track");
@@ -538,13 +498,13 @@ TEST(KROURLExtension, AMoveAcrossFileSystemsIsWholeOrNothing) {
     EXPECT_TRUE(kro::moveTo(dir / "a.wav", other / "a.wav", &error) &&
                 kro::moveTo(dir / "album", other / "album", &error));
     EXPECT_FALSE(fs::exists(dir / "a.wav") || fs::exists(dir / "album"));
-    EXPECT_EQ(readFile(other / "a.wav"), bytes);
+    EXPECT_EQ(KROReadTestFile(other / "a.wav"), bytes);
     EXPECT_EQ(fs::status(other / "a.wav").permissions(), fs::perms(0640));
     EXPECT_TRUE(fs::is_symlink(other / "album/link.wav"));
-    EXPECT_EQ(readFile(other / "album/link.wav"), bytesOf("track"));
+    EXPECT_EQ(KROReadTestFile(other / "album/link.wav"), bytesOf("track"));
     EXPECT_FALSE(kro::moveTo(dir.file("b.wav", "second"), other / "a.wav", &error));
     expectError(error, 516, "KROFile_action_moving", "b");
-    EXPECT_EQ(readFile(other / "a.wav"), bytes);
+    EXPECT_EQ(KROReadTestFile(other / "a.wav"), bytes);
     if (::geteuid() != 0) {
         fs::create_directory(dir / "locked");
         dir.file("locked/c.wav", "stays");
@@ -558,7 +518,7 @@ TEST(KROURLExtension, AMoveAcrossFileSystemsIsWholeOrNothing) {
     fs::remove_all(other);
 
     fs::create_directory(dir / "small");
-    writeFile(dir / "big.wav", KROData(std::size_t{1} << 20, 0x42));
+    KROWriteTestFile(dir / "big.wav", KROData(std::size_t{1} << 20, 0x42));
     EXPECT_EQ(runInChild([&]() -> std::string {
                   KROErrorPtr error;
                   if (!mountSmallTmpfs(dir / "small", 64 << 10)) {
@@ -573,8 +533,7 @@ TEST(KROURLExtension, AMoveAcrossFileSystemsIsWholeOrNothing) {
     EXPECT_EQ(fs::file_size(dir / "big.wav"), std::uintmax_t{1} << 20);
 }
 
-// Listing, sizing, copying the items of a directory (skipping names that
-// exist), emptying and deleting; each fails with code 4 on what is missing.
+// Directory items: listed, sized, copied (existing names skipped), emptied, deleted.
 TEST(KROURLExtension, DirectoriesAndTheirItems) {
     Scratch dir;
     fs::create_directories(dir / "d/sub/deep");
@@ -592,16 +551,17 @@ TEST(KROURLExtension, DirectoriesAndTheirItems) {
     EXPECT_EQ(std::pair(size, fileSize), std::pair(std::uint64_t{123}, std::uint64_t{100}));
     EXPECT_TRUE(kro::copyItemsInDirectoryToDirectory(dir / "d", dir / "target", &error) &&
                 kro::copyItemsInDirectoryToDirectory(dir / "d", dir / "fresh/x", &error));
-    EXPECT_EQ(std::pair(readFile(dir / "target/b"), readFile(dir / "target/sub/deep/c")),
-              std::pair(bytesOf("old"), bytesOf("abc")));
-    EXPECT_EQ(readFile(dir / "fresh/x/b"), readFile(dir / "d/b"));
+    EXPECT_EQ(
+        std::pair(KROReadTestFile(dir / "target/b"), KROReadTestFile(dir / "target/sub/deep/c")),
+        std::pair(bytesOf("old"), bytesOf("abc")));
+    EXPECT_EQ(KROReadTestFile(dir / "fresh/x/b"), KROReadTestFile(dir / "d/b"));
     EXPECT_TRUE(kro::emptyDirectory(dir / "d", &error) && fs::is_empty(dir / "d"));
     EXPECT_TRUE(kro::deleteItem(dir / "fresh", &error) && !fs::exists(dir / "fresh"));
     if (::geteuid() != 0) {
         fs::permissions(dir / "d", fs::perms::none);
         EXPECT_FALSE(kro::contentsOfDirectory(dir / "d", &error));
         expectError(error, 257, "KROFile_action_gettingDirectoryContents", "d");
-        EXPECT_FALSE(kro::getSizeOfDirectory(dir.directory, size = 9, &error) || size != 0);
+        EXPECT_FALSE(kro::getSizeOfDirectory(dir.path(), size = 9, &error) || size != 0);
         fs::permissions(dir / "d", fs::perms::owner_all);
     }
     const fs::path missing = dir / "missing";
@@ -627,10 +587,8 @@ TEST(KROURLExtension, DirectoriesAndTheirItems) {
     EXPECT_EQ(error->code(), 4);
 }
 
-// The documents directory follows the user-dirs file, else ~/Documents, and
-// is kept for the process. Kept: the private directory inside it is created
-// once; when that fails the call answers empty and the next answers the kept
-// URL without trying again. Support is the data home plus the program's name.
+// Kept per process: the documents directory (user-dirs, else ~/Documents) and
+// its private directory, whose failed creation answers empty once, then the URL.
 TEST(KROURLExtension, TheWellKnownDirectoriesAreKeptForTheProcess) {
     Scratch dir;
     const fs::path home = dir / "home";
@@ -682,20 +640,18 @@ TEST(KROURLExtension, TheWellKnownDirectoriesAreKeptForTheProcess) {
               (dir / "data/KROTestApp").string() + " created");
 }
 
-// Resources come in file order, types in list order, with their ID
-// sign-extended, their Mac Roman name as UTF-8 and their data without its
-// length. No fork is an empty array; a damaged one is none, parsed again on
-// the next call.
+// Resources in file order, IDs signed, Mac Roman names as UTF-8; no fork is an
+// empty array, a damaged one none (parsed again on the next call).
 TEST(KROResourceForkParser, ResourcesComeInFileOrder) {
     Scratch dir;
     const fs::path url = dir.file("song.sd2", "audio");
     EXPECT_TRUE(readerOf(url)->resources().value().empty());
     KROData damaged = makeFork(sampleResources);
     putBigEndian(damaged, 12, 1, 4);
-    writeFile(dir / "._song.sd2", damaged);
+    KROWriteTestFile(dir / "._song.sd2", damaged);
     auto reader = readerOf(url);
     EXPECT_FALSE(reader->resources());
-    writeFile(dir / "._song.sd2", makeFork(sampleResources));
+    KROWriteTestFile(dir / "._song.sd2", makeFork(sampleResources));
     ASSERT_TRUE(reader->resources());
     const auto& resources = *reader->resources();
     ASSERT_EQ(resources.size(), 3u);
@@ -710,10 +666,8 @@ TEST(KROResourceForkParser, ResourcesComeInFileOrder) {
     EXPECT_TRUE(KROResourceForkParser::resourcesFromFork(makeFork({}))->empty());
 }
 
-// Each check of the header, and every entry or length that points past the
-// end, rejects the whole fork, also when lists overlap to multiply it. Kept:
-// the attribute byte is part of a data offset, so a resource with attribute
-// bits set lies elsewhere.
+// Each damage rejects the whole fork. Kept: attribute bits are read as part of
+// the data offset.
 TEST(KROResourceForkParser, EveryDamageRejectsTheFork) {
     std::size_t map = 0;
     const KROData fork = makeFork(sampleResources, &map);
@@ -739,7 +693,6 @@ TEST(KROResourceForkParser, EveryDamageRejectsTheFork) {
     EXPECT_FALSE(
         KROResourceForkParser::resourcesFromFork(KROData(fork.begin(), fork.begin() + 10)));
     EXPECT_FALSE(KROResourceForkParser::resourcesFromFork(KROData(fork.begin(), fork.end() - 3)));
-    // A thousand references to one large resource would take far more than the fork holds.
     std::vector<TestResource> many{{code("BIG "), 0, {}, KROData(3000, 7)}};
     for (std::uint32_t index = 1; index < 1000; ++index) {
         many.push_back({0x41414100 + index, 1, {}, {}});
@@ -751,9 +704,7 @@ TEST(KROResourceForkParser, EveryDamageRejectsTheFork) {
     EXPECT_FALSE(KROResourceForkParser::resourcesFromFork(multiplied));
 }
 
-// Writers leave names running past the end of the fork (libsndfile's SD2
-// forks end inside their last name): a name is cut at the end, a negative
-// length byte runs there too, and a name that starts past the end is empty.
+// libsndfile's forks end inside their last name: names are cut at the end.
 TEST(KROResourceForkParser, ANameIsCutAtTheEndOfTheFork) {
     std::size_t map = 0;
     const KROData fork = makeFork({{code("TEXT"), 1, "Marker", bytesOf("m")}}, &map);
@@ -772,10 +723,8 @@ TEST(KROResourceForkParser, ANameIsCutAtTheEndOfTheFork) {
     }
 }
 
-// The fork is looked for at <file>/..namedfork/rsrc, then ._<name>, then
-// .AppleDouble/<name>, then the extended attribute; each may be raw or in an
-// AppleDouble file, which is passed over without a fork entry or with an
-// entry past its end.
+// Looked for at ..namedfork/rsrc, ._<name>, .AppleDouble/<name>, the attribute;
+// raw or AppleDouble, which is passed over without a usable fork entry.
 TEST(KROResourceForkFinder, TheForkIsFoundInItsPlacesInOrder) {
     Scratch dir;
     const fs::path url = dir.file("song.sd2", "audio");
@@ -791,27 +740,25 @@ TEST(KROResourceForkFinder, TheForkIsFoundInItsPlacesInOrder) {
     };
     KROData pastItsEnd = makeAppleDouble(saying("past"));
     putBigEndian(pastItsEnd, 26 + 12 + 8, pastItsEnd.size(), 4);
-    writeFile(dir / "._song.sd2", pastItsEnd);
+    KROWriteTestFile(dir / "._song.sd2", pastItsEnd);
     EXPECT_EQ(found(url), "none");
     const bool attribute = setForkAttribute(url, makeAppleDouble(saying("attribute")));
     EXPECT_EQ(found(url), attribute ? "attribute" : "none");
     fs::create_directory(dir / ".AppleDouble");
-    writeFile(dir / ".AppleDouble/song.sd2", makeAppleDouble(saying("netatalk")));
+    KROWriteTestFile(dir / ".AppleDouble/song.sd2", makeAppleDouble(saying("netatalk")));
     EXPECT_EQ(found(url), "netatalk");
-    writeFile(dir / "._song.sd2", makeAppleDouble({}));
+    KROWriteTestFile(dir / "._song.sd2", makeAppleDouble({}));
     EXPECT_EQ(found(url), "netatalk");
-    writeFile(dir / "._song.sd2", saying("beside"));
+    KROWriteTestFile(dir / "._song.sd2", saying("beside"));
     EXPECT_EQ(found(url), "beside");
     fs::create_directories(dir / "named.sd2/..namedfork");
-    writeFile(dir / "named.sd2/..namedfork/rsrc", saying("named"));
-    writeFile(dir / "._named.sd2", saying("beside"));
+    KROWriteTestFile(dir / "named.sd2/..namedfork/rsrc", saying("named"));
+    KROWriteTestFile(dir / "._named.sd2", saying("beside"));
     EXPECT_EQ(found(dir / "named.sd2"), "named");
 }
 
-// libsndfile writes a Sound Designer II file's samples to the file and its
-// raw fork beside it; the reader finds and parses it, as it does the same
-// fork kept by netatalk: 1000 is the bytes per sample, 1001 the rate, 1002
-// the channels.
+// libsndfile's SD2 fork beside the file, or kept by netatalk: 1000 bytes per
+// sample, 1001 the rate, 1002 the channels.
 TEST(KROResourceForkFinder, ASoundDesignerIIFileMadeByLibsndfileIsParsed) {
     if (KRORunCommand("command -v sndfile-convert && command -v sox").status != 0) {
         GTEST_SKIP() << "sndfile-convert or sox is missing (scripts/install-deps installs them)";
@@ -822,13 +769,13 @@ TEST(KROResourceForkFinder, ASoundDesignerIIFileMadeByLibsndfileIsParsed) {
                             "sndfile-convert '" + in + "' '" + out + "'")
                   .status,
               0);
-    const KROData sidecar = readFile(dir / "._out.sd2");
+    const KROData sidecar = KROReadTestFile(dir / "._out.sd2");
     EXPECT_EQ(KROResourceForkFinder::forkOfFile(out), sidecar);
     for (const bool wrapped : {false, true}) {
         if (wrapped) {
             fs::remove(dir / "._out.sd2");
             fs::create_directory(dir / ".AppleDouble");
-            writeFile(dir / ".AppleDouble/out.sd2", makeAppleDouble(sidecar));
+            KROWriteTestFile(dir / ".AppleDouble/out.sd2", makeAppleDouble(sidecar));
         }
         std::map<std::int64_t, std::string> strings;
         bool markers = false;

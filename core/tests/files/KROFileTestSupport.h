@@ -1,5 +1,4 @@
-// What the file tests share: a private directory that cleans up after
-// itself, a builder of file bytes, and reading and writing whole files.
+// File test helpers: a private directory, a builder of bytes, whole-file reads and writes.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,29 +11,12 @@
 #include <string_view>
 #include <vector>
 
+#include "../util/KROScratchDirectory.h"
+
 using KROData = std::vector<std::uint8_t>;
 
-class KROTemporaryDirectory {
-public:
-    KROTemporaryDirectory() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "krocore-files-XXXXXX");
-        if (::mkdtemp(pattern.data()) != nullptr) {
-            path_ = pattern;
-        }
-    }
-    ~KROTemporaryDirectory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    KROTemporaryDirectory(const KROTemporaryDirectory&) = delete;
-    KROTemporaryDirectory& operator=(const KROTemporaryDirectory&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(std::string_view name) const { return path_ / name; }
-
-private:
-    std::filesystem::path path_;
-};
+// One scratch directory class serves every test folder.
+using KROTemporaryDirectory = KROScratchDirectory;
 
 // Bytes of a file, built in order: KROTestBytes().text("RIFF").le32(4).text("WAVE").
 class KROTestBytes {

@@ -1,10 +1,6 @@
-// libFuzzer target for the chunk walkers: the input is a file, walked as
-// RIFF WAVE, IFF AIFF, Wave64 and CAF from the stream or from memory. Every
-// chunk kept is then read the way a handler reads a damaged file: values and
-// strings at its edges and at positions the input chooses, its sub-chunks
-// stepped through as a LIST is, its bytes loaded. Any crash, read past a
-// buffer, leak, sanitizer report or allocation beyond the file's size is a
-// finding.
+// The chunk walkers on a file walked as RIFF, IFF, Wave64 and CAF, each chunk
+// then read as a handler reads a damaged file. An allocation beyond the
+// file's size is a finding too.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -46,8 +42,7 @@ std::size_t readAt(const KROAudioFileChunk& chunk, std::uint64_t position) {
            chunk.dataAtPosition(position, 16).value_or(KROData{}).size();
 }
 
-// Sub-chunks of a list, stepped by their sizes as the handlers step INFO
-// and adtl entries, whatever those sizes claim.
+// Sub-chunks stepped by their sizes, whatever those claim.
 std::size_t stepThroughEntries(const KROAudioFileChunk& chunk) {
     std::size_t total = 0;
     std::uint64_t offset = 4;

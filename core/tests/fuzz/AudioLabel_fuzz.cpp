@@ -1,8 +1,5 @@
-// libFuzzer target for the label property reader: the input is what the
-// clipboard holds under the label type, an XML or binary property list of
-// any shape. A label made from it is then described, copied, asked for its
-// items by key and written back. Any crash, leak or sanitizer report is a
-// finding.
+// The label reader on clipboard bytes; the label is then described, copied,
+// asked for items and written back.
 #include <cstddef>
 #include <cstdint>
 

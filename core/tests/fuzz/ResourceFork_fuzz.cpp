@@ -1,6 +1,4 @@
-// The resource-fork parser on random bytes, read as the container of a fork
-// (AppleDouble, AppleSingle or raw) and walked into resources, and walked as
-// a raw fork too.
+// The resource-fork parser on random bytes, as a container and as a raw fork.
 #include <cstddef>
 #include <cstdint>
 

@@ -1,5 +1,4 @@
-// Random bytes read as a property list (XML or binary), given to
-// KROAudioStream::initWithDescription, then initialised, copied and released.
+// Random property lists built into a stream, initialised, copied and released.
 #include <cstddef>
 #include <cstdint>
 

@@ -1,7 +1,5 @@
-// Typed text given to the time formatter in any format and setting, to file
-// name schemes (expression and name split at the first line break) and to the
-// value formatters; byte 0 chooses the settings, byte 1 the time format. A
-// value formatter that reads a text but not its own text of the value traps.
+// Typed text for the time and value formatters and file name schemes; byte 0
+// chooses the settings, byte 1 the format. A value that does not read back traps.
 #include <cmath>
 #include <cstddef>
 #include <cstdint>

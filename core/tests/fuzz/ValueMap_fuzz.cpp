@@ -1,8 +1,5 @@
-// libFuzzer target: random bytes read as a property list and given, as they
-// would come from a stored file, to a value map, an automation and a router;
-// every curve is then evaluated across and beyond its input range. Bytes that
-// are no property list are read as one point in the "{x, y}" notation. Any
-// crash, leak or sanitizer report is a finding.
+// Random property lists given to a value map, an automation and a router, each
+// curve evaluated beyond its range; other bytes read as a "{x, y}" point.
 #include <cstddef>
 #include <cstdint>
 #include <string>

@@ -1,6 +1,4 @@
-// Automations: values along the curve inside inclusive bounds and 0 outside,
-// the curve kept in the properties, and one value for each parameter and
-// block when a processor plays its automations.
+// Automations: values inside inclusive bounds, saved curves, one value a key a block.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -64,10 +62,8 @@ TEST(KROAudioAutomation, ValuesFollowTheCurveInsideInclusiveBoundsAndAre0Outside
     EXPECT_FLOAT_EQ(automation->copy()->valueForLocation(1.0), 1.5f);
 }
 
-// One value for each key, in key order, from its enabled automations in
-// order of location: the value at the block's start when the automation
-// began before the block, unchanged when it begins inside, and an ended
-// automation's last value.
+// One value a key, from enabled automations by location: at the block's start,
+// unchanged when one begins inside, an ended one's last value.
 TEST(KROAudioAutomation, APlayedBlockSetsOneValueForEachParameterFromItsAutomations) {
     auto processor = kro_graph_test::make<KROTestAutomatedProcessor>();
     auto disabled = automationOver("c", 0.0, 10.0, 1.0f, 1.0f);

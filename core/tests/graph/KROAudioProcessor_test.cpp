@@ -1,6 +1,4 @@
-// Processors, buses and connections: the pull and push paths through each
-// kind of connection, bus counts, settings and automations, and the
-// real-time and thread contracts of a chain.
+// Processors, buses and connections: pull and push, settings, real-time and threads.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -59,9 +57,8 @@ std::vector<std::string> automationsOf(const KROAudioProcessor& processor) {
 
 KRO_REGISTER_CLASS(KROTestAutomation, KROAudioAutomation)
 
-// A pull meets silence, an untouched buffer or the source, by the connection:
-// a refused format is neither rendered nor cleared. Bus targets surround the
-// pull, each held once.
+// A pull meets silence, an untouched buffer (refused format) or the source;
+// bus targets surround it, each held once.
 TEST(KROAudioConnection, APullMeetsSilenceAnUntouchedBufferOrTheSource) {
     using Change = std::function<void(KROAudioConnection&)>;
     const Change none = [](auto&) {};
@@ -107,7 +104,6 @@ TEST(KROAudioConnection, APullMeetsSilenceAnUntouchedBufferOrTheSource) {
         EXPECT_EQ(onInput.willRenderCount + onInput.didRenderCount, 2);
         generator->outputBus()->removePostRenderTarget(&onOutput);
     }
-    // An unconnected input bus, and an output bus without a source, give silence.
     auto buffer = filledBuffer(0.25f);
     KROAudioStreamRenderInfo info;
     make<KROTestPassThrough>()->inputBus()->render(*buffer, info);
@@ -117,9 +113,7 @@ TEST(KROAudioConnection, APullMeetsSilenceAnUntouchedBufferOrTheSource) {
     EXPECT_TRUE(allSamplesAre(*buffer, 0.0f));
 }
 
-// A push goes on only through an active connection of its format and only
-// through processors that pass it on, leaving the buffer alone otherwise;
-// bus targets take no part in it.
+// A push goes only through active connections of its format and processors that pass it on.
 TEST(KROAudioConnection, APushGoesOnlyWhereItFits) {
     const struct {
         const char* what;
@@ -156,8 +150,7 @@ TEST(KROAudioConnection, APushGoesOnlyWhereItFits) {
     }
 }
 
-// Each refused bus count reports its code; the initialised test comes
-// before the equal-count test. Shrinking keeps the first buses.
+// Refused bus counts report their code (initialised first); shrinking keeps the first buses.
 TEST(KROAudioProcessor, BusCountsChangeWithinTheirLimits) {
     const struct {
         std::shared_ptr<KROAudioProcessor> processor;
@@ -190,25 +183,20 @@ TEST(KROAudioProcessor, BusCountsChangeWithinTheirLimits) {
               KROAudioProcessor::InputBuses(buses.begin(), buses.end() - 1));
 }
 
-// The base initialise operations fail with the class name in their action.
+// The base initialise for input fails with the class name in its action (for
+// render: KROAudioStream's rollback test).
 TEST(KROAudioProcessor, AClassThatDoesNotInitialiseSaysSo) {
-    auto processor = make<KROTestPlainProcessor>();
-    for (const bool forRender : {true, false}) {
-        KROErrorPtr error;
-        EXPECT_FALSE(forRender ? processor->initializeForRender(&error)
-                               : processor->initializeForInput(&error));
-        expectError<KROAudioProcessorError>(
-            error, forRender ? 5 : 6,
-            KROStringWithFormatArguments(
-                KROLocalizedString(forRender ? "KROAudioProcessor_action_initializeForRender"
-                                             : "KROAudioProcessor_action_initializeForInput"),
-                "KROTestPlainProcessor"));
-    }
+    KROErrorPtr error;
+    EXPECT_FALSE(make<KROTestPlainProcessor>()->initializeForInput(&error));
+    expectError<KROAudioProcessorError>(
+        error, 6,
+        KROStringWithFormatArguments(
+            KROLocalizedString("KROAudioProcessor_action_initializeForInput"),
+            "KROTestPlainProcessor"));
 }
 
-// Values of the wrong type count as absent. Kept: a generator does not go
-// through the processor's init, so it has neither input bus nor channel
-// configuration until settings give one.
+// Values of the wrong type count as absent. Kept: a generator has no input bus
+// nor channel configuration until settings give one.
 TEST(KROAudioProcessor, SettingsOfAProcessorAndAGenerator) {
     auto processor = make<KROAudioProcessor>();
     const KROPropertyList settings = processor->settings();
@@ -235,9 +223,8 @@ TEST(KROAudioProcessor, SettingsOfAProcessorAndAGenerator) {
     EXPECT_EQ(*generator->channelConfigurations(), (std::vector<KROChannelConfiguration>{{0, 2}}));
 }
 
-// "automations" replaces the whole list; an unknown class, or one that is no
-// automation, becomes a KROAudioAutomation. Kept: removing at one index
-// leaves every other automation without its processor too.
+// "automations" replaces the list, unknown classes as KROAudioAutomation. Kept:
+// removing at one index leaves every other automation without its processor.
 TEST(KROAudioProcessor, AutomationsComeFromSettingsAndLeaveTogether) {
     auto processor = make<KROTestPassThrough>();
     ASSERT_TRUE(processor->setSettings(automations(
@@ -263,13 +250,11 @@ TEST(KROAudioProcessor, AutomationsComeFromSettingsAndLeaveTogether) {
     inserted->setLength(2.0);
     inserted->setStart(1.5);
     EXPECT_EQ(inserted->end(), 2.0) << "setStart keeps the end";
-    // A processor that goes away leaves no bus pointing at it.
     const auto bus = make<KROTestPassThrough>()->inputBuses().front();
     EXPECT_EQ(bus->destination(), nullptr);
 }
 
-// After the first block a chain of ten processors pulls, with an observer,
-// and pushes without allocating.
+// After the first block a chain of ten pulls and pushes without allocating.
 TEST(KROAudioProcessor, AChainOfTenRendersAndPushesWithoutAllocating) {
     KROAudioStream pulled;
     ASSERT_TRUE(pulled.initWithDescription(chainDescription(9, 2.0f)) && pulled.initialize());
@@ -302,8 +287,7 @@ TEST(KROAudioProcessor, AChainOfTenRendersAndPushesWithoutAllocating) {
     EXPECT_TRUE(allSamplesAre(*input->buffer, 512.0f));
 }
 
-// setActive(false) returns only when no crossing is in progress: from then
-// on no block reaches the generator behind the connection.
+// Once setActive(false) has returned, no block reaches the generator behind it.
 TEST(KROAudioConnection, NoBlockCrossesOnceSetActiveFalseHasReturned) {
     KROAudioStream stream;
     ASSERT_TRUE(stream.initWithDescription(chainDescription(3)) && stream.initialize());

@@ -1,26 +1,22 @@
-// The audio stream: building from descriptions good and bad, the walks that
-// initialise a graph, start and stop through the heads, and the files a
-// stream reads its description from.
+// The audio stream: descriptions, initialising walks, start and stop, files.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <tuple>
-#include <unistd.h>
 
+#include "../util/KROScratchDirectory.h"
 #include "KROGraphTestClasses.h"
 
 using namespace kro_graph_test;
 
 namespace {
 
-// A stream subclass that brings its description as a resource.
 class KROTestResourceStream : public KROAudioStream {
     KRO_DECLARE_CLASS(KROTestResourceStream)
 };
 
-// A pass-through that counts its live instances.
 class KROTestWatchedProcessor : public KROTestPassThrough {
     KRO_DECLARE_CLASS(KROTestWatchedProcessor)
 
@@ -49,9 +45,7 @@ std::unique_ptr<KROAudioStream> built(const KROPropertyList& description) {
 KRO_REGISTER_CLASS(KROTestResourceStream, KROAudioStream)
 KRO_REGISTER_CLASS(KROTestWatchedProcessor, KROTestPassThrough)
 
-// Every bad description fails with its code and action, and leaves the
-// stream empty with every processor it made released, whether or not an
-// error argument was given.
+// Every bad description reports its code and leaves the stream empty, processors released.
 TEST(KROAudioStream, EveryBadDescriptionReportsItsCodeAndLeavesTheStreamEmpty) {
     KROPropertyList numberClass, badConnections = description({watched("a")}, {}), badProcessors;
     numberClass.setObjectForKey("class", 42);
@@ -104,7 +98,6 @@ TEST(KROAudioStream, EveryBadDescriptionReportsItsCodeAndLeavesTheStreamEmpty) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        // A stream that held a graph builds afresh, and a failure empties it.
         KROAudioStream stream;
         ASSERT_TRUE(stream.initWithDescription(chainDescription(1)));
         KROErrorPtr error;
@@ -123,9 +116,8 @@ TEST(KROAudioStream, EveryBadDescriptionReportsItsCodeAndLeavesTheStreamEmpty) {
         "Connecting the bus mix.in failed because the bus is already connected.");
 }
 
-// What a description leaves out is no error: processors, connection ends,
-// values of another type inside an entry. Buses exist and are named before
-// the class's settings are read; a processor's name means its bus 0.
+// What a description leaves out is no error; buses are named before settings
+// are read; a processor's name means its bus 0.
 TEST(KROAudioStream, NamesReachEveryBusAndWhatIsLeftOutIsNoError) {
     KROPropertyList comment, odd;
     comment.setObjectForKey("comment", "nothing here");
@@ -165,10 +157,8 @@ TEST(KROAudioStream, NamesReachEveryBusAndWhatIsLeftOutIsNoError) {
     EXPECT_EQ(stream.processorWithIdentifier("a")->numberOfInputBuses(), 1u);
 }
 
-// The format spreads from the head to the source; reset and start reach
-// every processor and the heads. A stream that goes away stops, uninitialises
-// and lets its processors go. One head for both chains is initialised for
-// each and started once.
+// The format spreads from the head; a stream that goes away stops, uninitialises
+// and lets go; one head for both chains is initialised for each, started once.
 TEST(KROAudioStream, AChainRunsUntilItsStreamGoesAway) {
     auto stream = built(chainDescription(3));
     ASSERT_TRUE(stream->initialize() && stream->isInitialized() && stream->reset());
@@ -178,8 +168,6 @@ TEST(KROAudioStream, AChainRunsUntilItsStreamGoesAway) {
     const auto p3 = processorOf<KROTestPassThrough>(*stream, "p3");
     ASSERT_TRUE(stream->start() && stream->isRunning());
     EXPECT_TRUE(allSamplesAre(head->renderBlock(), 0.5f));
-    // Disconnecting clears both the bus and the connection's end; removing a
-    // processor clears its stream.
     stream->disconnectInputBus(*head->inputBus());
     EXPECT_TRUE(!head->inputConnection() && !stream->connectionWithIdentifier("c1")->inputBus());
     const auto p1 = processorOf<KROTestPassThrough>(*stream, "p1");
@@ -197,8 +185,7 @@ TEST(KROAudioStream, AChainRunsUntilItsStreamGoesAway) {
               std::tuple(1, 1, 1, 1));
 }
 
-// Each refused change of state reports its code and leaves the stream as it
-// was.
+// Each refused change of state reports its code and changes nothing.
 TEST(KROAudioStream, RefusedStateChangesReportTheirCode) {
     const KROPropertyList noHeads =
         description({entry("KROTestGenerator", "g"), entry("KROTestPassThrough", "p1")},
@@ -242,9 +229,8 @@ TEST(KROAudioStream, RefusedStateChangesReportTheirCode) {
     }
 }
 
-// A processor on the render chain that cannot initialise fails initialise
-// with its own error and the connections are cleared. Kept: the rollback
-// uninitialises but leaves the flags, until the stream's uninitialise.
+// A processor that cannot initialise fails with its own error. Kept: the
+// rollback uninitialises but leaves the flags until the stream's uninitialise.
 TEST(KROAudioStream, AFailedInitialiseRollsBackButLeavesTheFlags) {
     const auto stream = built(description(
         {headEntry("head", true), entry("KROTestPassThrough", "a"),
@@ -265,8 +251,7 @@ TEST(KROAudioStream, AFailedInitialiseRollsBackButLeavesTheFlags) {
     EXPECT_EQ(a->uninitializeCount, 2);
 }
 
-// Both walks stop at an I/O mark, each chain taking its format from its own
-// head; the stream is initialised only when both chains are.
+// Both walks stop at an I/O mark; the stream is initialised when both chains are.
 TEST(KROAudioStream, TheWalksStopAtAnIOMark) {
     const auto stream =
         built(description({headEntry("render", true), entry("KROTestPassThrough", "r"),
@@ -318,13 +303,10 @@ TEST(KROAudioStream, TwoPathsInitialiseTwiceAndACycleEnds) {
     EXPECT_TRUE(cycle->isInitialized());
 }
 
-// init(error) reads the resource named after the class, a missing one being
-// an empty description; a file that cannot be read passes the reader's error
-// up. The examples build.
+// init reads the resource named after the class; a bad file passes its error up.
 TEST(KROAudioStream, DescriptionsComeFromResourcesAndFiles) {
-    const auto directory =
-        std::filesystem::temp_directory_path() / ("krocore-streams-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(directory);
+    const KROScratchDirectory scratch;
+    const std::filesystem::path& directory = scratch.path();
     ASSERT_TRUE(chainDescription(2).writeToFile(directory / "KROTestResourceStream.plist"));
     KROTestResourceStream stream;
     KROErrorPtr error;
@@ -340,7 +322,6 @@ TEST(KROAudioStream, DescriptionsComeFromResourcesAndFiles) {
     std::ofstream(directory / "broken.plist") << "<plist><dict><key>processors</key>";
     EXPECT_FALSE(stream.initWithDescriptionFile(directory / "broken.plist", &(error = nullptr)));
     EXPECT_NE(error, nullptr);
-    std::filesystem::remove_all(directory);
     for (const char* name : {"dock-chain.plist", "two-chains.plist"}) {
         SCOPED_TRACE(name);
         ASSERT_TRUE(stream.initWithDescriptionFile(

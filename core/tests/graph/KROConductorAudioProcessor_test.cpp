@@ -1,7 +1,5 @@
-// The conductor: blocks cut at landmarks exact to the frame, stops, jumps
-// and turns, the delegate told once, and the clock that upstream sees. The
-// source writes each frame's own sample time, so the head's buffer shows
-// which frames were played and in which order.
+// The conductor: blocks cut at landmarks to the frame, the delegate, the clock
+// upstream. The source writes each frame's sample time, so the head shows the order.
 #include <gtest/gtest.h>
 
 #include <limits>

@@ -1,5 +1,4 @@
-// Test-only processors for the graph and processor tests, registered so that
-// descriptions can name them, and builders of descriptions.
+// Registered test processors for the graph tests, and builders of descriptions.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -30,9 +29,8 @@ inline void fill(KROAudioBufferList& buffer, float value) {
 
 } // namespace kro_graph_test
 
-// Fills its blocks from `signal`, a function of the frame within the block and
-// the channel, 0.5 unless set, and counts them; while `closed` is set, a block
-// that reaches it counts as a violation.
+// Fills blocks from `signal(frame, channel)` (0.5), counting them; a block while
+// `closed` is a violation.
 class KROTestGenerator : public KROAudioGenerator {
     KRO_DECLARE_CLASS(KROTestGenerator)
 
@@ -68,8 +66,7 @@ public:
     std::atomic<bool> closed{false};
 };
 
-// Scales what it pulls, and what is pushed through it, by `gain` (setting
-// "gain"), passing pushes on; counts each operation.
+// Scales pulls and pushes by `gain` (setting "gain"), passing pushes on; counts calls.
 class KROTestPassThrough : public KROAudioProcessor {
     KRO_DECLARE_CLASS(KROTestPassThrough)
 
@@ -127,9 +124,8 @@ class KROTestPlainProcessor : public KROAudioProcessor {
     KRO_DECLARE_CLASS(KROTestPlainProcessor)
 };
 
-// A render and input head with a buffer of its own (settings "channels",
-// "maxFrames", "sampleRate"; 2, 64 and 48000 unless given), driven one block
-// at a time as a device head would be.
+// A head with its own buffer ("channels", "maxFrames", "sampleRate": 2, 64, 48000),
+// driven a block at a time.
 class KROTestHead : public KROHeadAudioProcessor {
     KRO_DECLARE_CLASS(KROTestHead)
 
@@ -240,8 +236,7 @@ template <typename T> std::shared_ptr<T> make() {
     return object;
 }
 
-// An error of the family with the code, whose sentence is the action (already
-// formatted) joined to the family's text for the code.
+// An error of the family and code: the formatted action, then the family's reason.
 template <typename Family>
 void expectError(const KROErrorPtr& error, std::int64_t code, const std::string& action) {
     ASSERT_NE(std::dynamic_pointer_cast<Family>(error), nullptr);
@@ -313,8 +308,7 @@ inline KROPropertyList description(KROPropertyList::Array processors,
     return description;
 }
 
-// "head" <- "p1" <- ... <- "pN" <- "generator" over "c1" ... "cN+1", each
-// pass-through scaling by gain.
+// "head" <- "p1" <- ... <- "pN" <- "generator" over "c1" ... "cN+1".
 inline KROPropertyList chainDescription(int passThroughs, float gain = 1.0f) {
     KROPropertyList::Array processors{headEntry("head", true)};
     KROPropertyList::Array connections;

@@ -1,5 +1,4 @@
-// Heads and their render info, the dock, and the hardware head that stands
-// for the platform's device head.
+// Heads, their render info, the dock, and the hardware head.
 #include <gtest/gtest.h>
 
 #include "KROAudioProcessorDock.h"
@@ -31,8 +30,7 @@ void registerDeviceHead(bool present) {
                 : KROClassRegistry::Factory());
 }
 
-// "head" <- "dock" <- "g" over "out" and "in"; the sink form pushes from
-// the head through the dock.
+// "head" <- "dock" <- "g" over "out" and "in", or pushed from the head.
 KROPropertyList dockDescription(bool push = false) {
     if (push) {
         return description({headEntry("head", false, true), entry("KROAudioProcessorDock", "dock"),
@@ -48,9 +46,7 @@ KROPropertyList dockDescription(bool push = false) {
 
 KRO_REGISTER_CLASS(KROTestDeviceHead, KROHardwareAudioProcessor)
 
-// A new record is real time, stopped, at time 0. The stack holds sixteen
-// levels: a seventeenth push is dropped while its pop still pops, so the
-// stack unwinds early; the bottom survives every pop.
+// Sixteen levels: a seventeenth push is dropped but its pop pops; the bottom survives.
 TEST(KROAudioStreamRenderInfo, TheSampleTimeStackHoldsSixteenLevels) {
     KROAudioStreamRenderInfo info;
     EXPECT_TRUE(info.isRealtime() && !info.isRunning() && !info.isReverse());
@@ -70,8 +66,6 @@ TEST(KROAudioStreamRenderInfo, TheSampleTimeStackHoldsSixteenLevels) {
     EXPECT_EQ(std::pair(info.sampleTimeCursor(), info.sampleTime()), std::pair(0ul, 1000l));
 }
 
-// The base head neither starts nor stops and stores no error; the stream
-// passes its false on.
 TEST(KROHeadAudioProcessor, TheBaseHeadDoesNotStart) {
     auto head = make<KROHeadAudioProcessor>();
     const auto sentinel = KROError::errorWithCode(99, "Sentinel");
@@ -86,8 +80,7 @@ TEST(KROHeadAudioProcessor, TheBaseHeadDoesNotStart) {
     EXPECT_FALSE(stream.start(&streamError) || streamError);
 }
 
-// The flags come from settings when present and are not written out, so a
-// copy of a head is no head until told so.
+// The flags come from settings and are not written out: a copy is no head.
 TEST(KROHeadAudioProcessor, TheFlagsComeFromSettingsAndAreNotCopied) {
     KROAudioStream stream;
     ASSERT_TRUE(stream.initWithDescription(
@@ -106,15 +99,13 @@ TEST(KROHeadAudioProcessor, TheFlagsComeFromSettingsAndAreNotCopied) {
     const auto copy = std::dynamic_pointer_cast<KROTestHead>(head->copy());
     EXPECT_TRUE(!copy->isRenderHead() && copy->identifier() == "h");
     EXPECT_NE(copy->info(), head->info());
-    // Setting a head moves the flag from the present one without adding the new one.
+    // Kept: setting a head moves the flag without adding the new one.
     stream.setRenderHeadProcessor(copy.get());
     EXPECT_EQ(std::pair(head->isRenderHead(), copy->isRenderHead()), std::pair(false, true));
     EXPECT_EQ(stream.renderHeadProcessor(), nullptr);
 }
 
-// An empty dock is a wire both ways. A docked processor takes over the dock's
-// buses, so the walks and the audio reach it directly and the stream through
-// the dock; taken out, it leaves a wire over the same connections.
+// An empty dock is a wire; a docked processor takes over its buses; taken out, a wire again.
 TEST(KROAudioProcessorDock, ADockIsAWireUntilAProcessorIsDocked) {
     KROAudioStream pushed;
     ASSERT_TRUE(pushed.initWithDescription(dockDescription(true)) && pushed.initialize());
@@ -150,9 +141,8 @@ TEST(KROAudioProcessorDock, ADockIsAWireUntilAProcessorIsDocked) {
     EXPECT_TRUE(allSamplesAre(head->renderBlock(), 0.5f));
 }
 
-// Kept: the dock tests its own flag, so an empty dock initialised as a wire
-// refuses a processor, while a docked one is exchanged without initialising
-// the newcomer. The present processor, or the dock itself, changes nothing.
+// Kept: the dock tests its own flag, so an initialised empty dock refuses a
+// processor and a docked one is exchanged without initialising the newcomer.
 TEST(KROAudioProcessorDock, SetProcessorFollowsTheDocksOwnFlag) {
     KROAudioStream stream;
     ASSERT_TRUE(stream.initWithDescription(dockDescription()) && stream.initialize());
@@ -167,7 +157,6 @@ TEST(KROAudioProcessorDock, SetProcessorFollowsTheDocksOwnFlag) {
     EXPECT_EQ(std::tuple(dock->processor(), second->initializeForRenderCount, dock->isInitialized(),
                          dock->inputBus()->destination()),
               std::tuple(second, 0, false, static_cast<KROAudioInputBusDelegate*>(second.get())));
-    // Were a second call to dock again, it would point the buses back.
     dock->inputBus()->setDestination(nullptr);
     dock->setProcessor(second);
     dock->setProcessor(dock);
@@ -175,8 +164,7 @@ TEST(KROAudioProcessorDock, SetProcessorFollowsTheDocksOwnFlag) {
     EXPECT_EQ(dock->processor(), second);
 }
 
-// The hardware head gives way to the class registered as the device head;
-// without one there is none, and a stream fails with no error stored.
+// The hardware head is the registered device head; without one a stream fails silently.
 TEST(KROHardwareAudioProcessor, TheDeviceHeadIsLookedUpByName) {
     KROPropertyList head = entry("KROHardwareAudioProcessor", "device");
     head.setObjectForKey("isRenderHead", true);
@@ -188,7 +176,6 @@ TEST(KROHardwareAudioProcessor, TheDeviceHeadIsLookedUpByName) {
     KROErrorPtr error;
     EXPECT_FALSE(stream.initWithDescription(graph, &error));
     EXPECT_EQ(error, nullptr);
-    // Neither is an unknown class a processor, and the error is left alone.
     for (const KROPropertyList& settings :
          {head, entry("KRONoSuch", "x"), entry("KROAudioBus", "x")}) {
         EXPECT_EQ(KROAudioProcessor::processorWithSettings(settings, &error), nullptr);

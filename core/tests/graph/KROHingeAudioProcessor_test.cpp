@@ -1,6 +1,4 @@
-// The hinge: an impulse comes out 512 frames late in real time and at once
-// offline or disabled; a block still queued when the hinge is taken down
-// does nothing.
+// The hinge: 512 frames late in real time, at once offline or disabled.
 #include <gtest/gtest.h>
 
 #include "KROAllocationGuard.h"
@@ -59,8 +57,7 @@ TEST(KROHingeAudioProcessor, AnImpulseComesOut512FramesLateInRealTimeAndAtOnceOt
         std::vector<std::int64_t> arrivals;
         for (int block = 0; block < 4; ++block) {
             KRO_EXPECT_NO_ALLOCATION(hinged.head->renderBlock());
-            // The device's pace: the worker finishes each block before the
-            // next callback.
+            // The device's pace: the worker finishes each block in time.
             hinge->queue()->sync([] {});
             const KROAudioBufferList& buffer = *hinged.head->buffer;
             for (std::uint64_t frame = 0; frame < buffer.frames(); ++frame) {

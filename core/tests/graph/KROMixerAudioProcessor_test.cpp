@@ -1,6 +1,4 @@
-// The mixer: inputs summed at unity gain in bus order, and a refused input
-// that mixes the bus before it a second time, as every refused pull leaves
-// its buffer alone.
+// The mixer: inputs summed in bus order; kept: a refused input mixes the bus before it again.
 #include <gtest/gtest.h>
 
 #include "KROAllocationGuard.h"

@@ -1,5 +1,4 @@
-// The router: ties that copy, sum and step over channels that do not exist,
-// and the processor that changes a connection's channel count.
+// The router: ties that copy, sum and skip missing channels; its own channel count.
 #include <gtest/gtest.h>
 
 #include "KROAllocationGuard.h"
@@ -68,8 +67,6 @@ TEST(KROAudioRouter, TiesCopySumAndStepOverChannelsThatDoNotExist) {
     EXPECT_EQ(router->properties(), routerWith({{0, 1}})->properties());
 }
 
-// A mono source reaches both channels of a stereo head through the router,
-// whose input connection carries its own channel count.
 TEST(KRORouterAudioProcessor, TheInputConnectionCarriesTheRoutersOwnChannelCount) {
     for (const std::int64_t channels : {1, 0}) {
         SCOPED_TRACE(channels);

@@ -1,6 +1,4 @@
-// Helpers of the tests of the mixer, splitter, hinge, router and conductor:
-// a graph built and initialised from its processor entries, with a test head
-// named "head" as its render head.
+// A graph built and initialised from processor entries, a test "head" rendering.
 #pragma once
 
 #include <string>
@@ -21,8 +19,7 @@ struct Graph {
     }
 };
 
-// The head, then the processors, which without connections given form a
-// chain: head <- processors[0] <- processors[1] <- ...
+// Without connections the processors form a chain: head <- processors[0] <- ...
 inline Graph graph(const KROPropertyList::Array& processors,
                    KROPropertyList::Array connections = {}, std::int64_t channels = 2,
                    std::int64_t frames = 64) {

@@ -1,6 +1,4 @@
-// The splitter: bus 0 drives the source once a block and every bus takes a
-// copy; the push path shares one buffer; and a graph that loops back through
-// a splitter and a mixer renders without waiting on itself.
+// The splitter: one pull a block, a copy for every bus, and loops that never wait on themselves.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -63,10 +61,8 @@ TEST(KROSplitterAudioProcessor, ThePushPathHandsOneBufferToEachOutputInOrder) {
     EXPECT_EQ(split.get<KROTestPassThrough>("second")->inputCount, 2);
 }
 
-// The mixer's second input comes from the splitter's second output, which
-// copies the splitter's buffer instead of pulling: the loop closes on a copy
-// of the block being mixed (the first input, mixed in already) and never
-// waits on the locks of its own pull.
+// The mixer's second input copies the splitter's block instead of pulling, so
+// the loop never waits on its own pull's locks.
 TEST(KROSplitterAudioProcessor, ALoopThroughAMixerRendersWithoutWaitingOnItself) {
     const Graph loop = graph(
         {splitter, withBuses(entry("KROMixerAudioProcessor", "mixer"), "inputBuses", {"m0", "m1"}),

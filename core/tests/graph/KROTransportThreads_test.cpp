@@ -1,7 +1,5 @@
-// A host thread moves landmarks, the playhead, the gain and its automation
-// while a render thread pulls through a hinge, a conductor and a fader.
-// Under ThreadSanitizer (`make tsan`) any access that the locks do not order
-// fails the test; anywhere, a deadlock or a crash does.
+// A host thread changes the transport while a render thread pulls through a
+// hinge, a conductor and a fader; `make tsan` checks every access.
 #include <gtest/gtest.h>
 
 #include <unistd.h>

@@ -40,9 +40,8 @@ using Head = KROOSXHardwareAudioProcessor;
 
 class KROAudioDeviceJACK : public KROJACKServerTest {};
 
-// A sound card: a JACK client that owns physical ports, as a driver does.
-// Once asked to, it sends each sample as the frame time at which it leaves
-// (exact in a float for 349 s), so each block that comes back tells its delay.
+// A sound card: a client with physical ports that sends each sample's frame
+// time (exact in a float for 349 s), so each block that comes back tells its delay.
 class LoopDevice {
 public:
     static constexpr const char* name = "kro-test-loop";
@@ -70,7 +69,7 @@ public:
 
     bool isOpen() const { return open_; }
     void startSending() { sending_.store(true); }
-    // The delay of each block that came back, -1 where the channels differ.
+    // -1 where the channels differ.
     std::vector<std::int64_t> delays() const {
         return {delays_.begin(), delays_.begin() + std::ptrdiff_t(delayCount_.load())};
     }
@@ -104,10 +103,8 @@ private:
     std::atomic<std::size_t> delayCount_{0};
 };
 
-// The JACK layer watching the last callback registered, on JACK's thread: the
-// first call arms the allocation guard there for good, so every allocation
-// of the cycle counts, libjack's included; each call counts the voluntary
-// context switches that a lock, a sleep or file access would cause.
+// Watches the last callback on JACK's thread: allocations of the whole cycle
+// (libjack's included), and voluntary context switches (a lock, a sleep, a file).
 class WatchedBackend : public KROJACKAudioDeviceBackend {
 public:
     Status createIOProc(DeviceID id, std::uint32_t scope, std::uint32_t channels,
@@ -146,7 +143,6 @@ private:
     void* context_ = nullptr;
 };
 
-// Whether the condition comes to hold within the timeout.
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition() && std::chrono::steady_clock::now() < deadline) {
@@ -155,7 +151,6 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
     return condition();
 }
 
-// Counts the notifications of one name, posted on any thread.
 struct NotificationCount {
     explicit NotificationCount(const std::string& name)
         : token(KRONotificationCenter::defaultCenter().addObserver(
@@ -165,7 +160,6 @@ struct NotificationCount {
     KRONotificationCenter::Token token;
 };
 
-// Whether this process may run threads under SCHED_FIFO.
 bool realtimePermitted() {
     return KRORunCommand("chrt -f 1 true").status == 0;
 }
@@ -176,10 +170,8 @@ std::shared_ptr<KROAudioDevice> loopDevice() {
 
 } // namespace
 
-// The server's physical client is the one device in every direction. The
-// host never sets the device-list notice up: the first device operation does.
-// Only a device that comes or goes is a change; this process's own ports,
-// which come and go with every start and stop, are not.
+// The server's physical client is the one device; a device coming or going is
+// posted, this process's own ports are not.
 TEST_F(KROAudioDeviceJACK, TheDevicesAreTheServersAndAChangeOfThemIsPosted) {
     ASSERT_EQ(KROAudioDevice::devices().size(), 1u);
     const auto device = KROAudioDevice::deviceWithUID("jack:system");
@@ -189,7 +181,6 @@ TEST_F(KROAudioDeviceJACK, TheDevicesAreTheServersAndAChangeOfThemIsPosted) {
           KROAudioDevice::systemOutputDevice()}) {
         EXPECT_TRUE(same && same->isEqual(*device));
     }
-    // The server's one rate, which is not a client's to change.
     EXPECT_EQ(device->availableSampleRates(), std::vector<double>{48000.0});
     EXPECT_TRUE(device->setSampleRate(48000));
     KROErrorPtr error;
@@ -235,8 +226,7 @@ TEST_F(KROAudioDeviceJACK, ANewBufferSizeRebuildsTheRunningGraphAtThatSize) {
     EXPECT_TRUE(stream->stop());
 }
 
-// The card's frame clock passes the input head, the playthrough and the
-// render head, bit for bit, and comes back to the card.
+// The card's frame clock passes both heads and the playthrough bit for bit.
 TEST_F(KROAudioDeviceJACK, APlaythroughDelaysWhatTheDeviceCapturesByItsLatency) {
     server_.stop();
     ASSERT_TRUE(server_.start(256, realtimePermitted()));
@@ -248,11 +238,9 @@ TEST_F(KROAudioDeviceJACK, APlaythroughDelaysWhatTheDeviceCapturesByItsLatency) 
     }
     ASSERT_TRUE(stream->initialize());
     const auto through = processorOf<KROAudioPlaythrough>(*stream, "through");
-    // The input device's 256 frames and the output device's, safety offsets 0.
     EXPECT_EQ(through->latency(), 512u);
     through->setEnabled(true);
     ASSERT_TRUE(stream->start());
-    // The heads join their ports one by one after they start.
     std::this_thread::sleep_for(300ms);
     card.startSending();
     std::this_thread::sleep_for(2s);
@@ -262,12 +250,8 @@ TEST_F(KROAudioDeviceJACK, APlaythroughDelaysWhatTheDeviceCapturesByItsLatency) 
     }
     EXPECT_TRUE(stream->stop());
 
-    // The distance between the first render and the first store adds to the
-    // latency. Nothing corrects the distance between the clocks, and the ring
-    // holds four blocks: where the heads first ran further apart than the
-    // ring (a slow, instrumented build), the delay grows by whole rings. A
-    // server that skips cycles hands blocks over early or late, so the delays
-    // are judged against the latency only when it skipped none.
+    // The heads' first distance adds to the latency, by whole rings of four
+    // blocks in a slow build; with xruns, blocks come early or late.
     const std::int64_t expected = std::int64_t(through->latency()) + through->firstRenderFrame() -
                                   through->firstStoredFrame();
     const std::int64_t withinRing = (expected - 1) % 1024 + 1;
@@ -283,11 +267,8 @@ TEST_F(KROAudioDeviceJACK, APlaythroughDelaysWhatTheDeviceCapturesByItsLatency) 
               << " frames late, " << xruns << " xruns\n";
 }
 
-// 30 s at 256 frames. What would make this code drop a block is tested
-// always: an allocation, a wait, or work that takes a fair part of the period.
-// No xrun and no block over a quarter period are asked for when the machine
-// itself kept real-time deadlines; else (a loaded virtual machine, no
-// SCHED_FIFO) the xruns are the machine's.
+// Allocations, waits and load are judged always; xruns and peak load only when
+// the machine itself kept real-time deadlines.
 TEST_F(KROAudioDeviceJACK, ThirtySecondsAt256FramesDropNoBlock) {
     const bool realtime = realtimePermitted();
     server_.stop();
@@ -297,12 +278,9 @@ TEST_F(KROAudioDeviceJACK, ThirtySecondsAt256FramesDropNoBlock) {
     const auto stream = exampleStream();
     ASSERT_TRUE(stream && stream->initialize() && stream->start());
     const auto head = processorOf<Head>(*stream, "output");
-    // Joining the graph makes the server's first cycles late.
     std::this_thread::sleep_for(500ms);
     const std::uint64_t xrunsBefore = head->statistics().xruns;
-    // cyclictest: a thread on each processor, SCHED_FIFO below JACK's, wakes
-    // every millisecond; a wake-up over a quarter period (1333 us) late is the
-    // machine's stall. Prints the count of those and the latest, in us.
+    // cyclictest below JACK's priority: wake-ups over a quarter period late, and the worst.
     std::istringstream probe(
         KRORunCommand(
             "cyclictest -q -m -S -p 1 -i 1000 -D 30 -h 1333 --histfile=/dev/stdout | "

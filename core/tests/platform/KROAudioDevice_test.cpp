@@ -1,6 +1,5 @@
-// Devices, sources, the device head and the playthrough on a device layer of
-// fixed answers, for what a card can report and JACK never does. The heads
-// are driven by calling their callbacks.
+// Devices, sources, the head and the playthrough on a layer of fixed answers
+// (what a card reports and JACK never does), driven through their callbacks.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -111,7 +110,6 @@ private:
     }
 };
 
-// A fresh layer of fixed answers as the shared device layer.
 std::shared_ptr<TestBackend> installTestBackend() {
     auto backend = std::make_shared<TestBackend>();
     Backend::setSharedBackend(backend);
@@ -122,7 +120,6 @@ std::shared_ptr<KROAudioDevice> testDevice() {
     return KROAudioDevice::deviceWithID(TestBackend::deviceID);
 }
 
-// The error has the domain and code, and its description begins so.
 void expectError(const KROErrorPtr& error, const std::string& domain, std::int64_t code,
                  const std::string& beginning) {
     ASSERT_NE(error, nullptr);
@@ -133,8 +130,7 @@ void expectError(const KROErrorPtr& error, const std::string& domain, std::int64
 
 } // namespace
 
-// Each query passes the layer's status on as its code, with its own action,
-// and answers the value that stands for a failed read.
+// Each query passes the layer's status on with its own action and a failed value.
 TEST(KROAudioDevice, AFailedQueryPassesTheLayersStatusOnWithItsAction) {
     const auto layer = installTestBackend();
     layer->failure = Backend::unknownProperty;
@@ -174,8 +170,7 @@ TEST(KROAudioDevice, AFailedQueryPassesTheLayersStatusOnWithItsAction) {
     EXPECT_FALSE(d.isValid());
 }
 
-// A range of equal bounds gives its rate; a wider range gives the standard
-// rates within it, bounds included; ranges keep their order.
+// A point range gives its rate, a wider one the standard rates within it, in order.
 TEST(KROAudioDevice, AvailableSampleRatesComeFromEachRangeInTurn) {
     const std::pair<std::vector<std::pair<double, double>>, std::vector<double>> cases[] = {
         {{{8000, 96000}}, {11025, 12000, 22050, 24000, 44100, 48000, 88200, 96000}},
@@ -202,8 +197,7 @@ TEST(KROAudioDevice, ChannelsAreCountedOverEveryBufferAndUnnamedOnesAreNumberedF
     EXPECT_TRUE(device->hasPhysicalOutputs());
 }
 
-// The hog property is written only when the state must change; a device held
-// by another process is refused with '!hog'.
+// The hog property is written only on a change; another holder is refused with '!hog'.
 TEST(KROAudioDevice, ExclusivityIsTakenAndGivenUpOnlyWhenItMustChange) {
     const std::int64_t self = getpid();
     // Holder, wanted, state before, result, writes, state after.
@@ -240,8 +234,6 @@ TEST(KROAudioDeviceSource, SourcesAreTitledAndEnablingOneRewritesTheSelection) {
     EXPECT_TRUE(testDevice()->outputSources().empty());
 }
 
-// Each refusal of the head, and of a playthrough between heads, names its
-// domain, code and what was being done.
 TEST(KROOSXHardwareAudioProcessor, EachRefusalReportsItsDomainCodeAndAction) {
     const auto initialize = [](Head& head, KROErrorPtr* error) {
         return head.stream()->initialize(error);
@@ -288,7 +280,6 @@ TEST(KROOSXHardwareAudioProcessor, EachRefusalReportsItsDomainCodeAndAction) {
         EXPECT_FALSE(c.attempt(*processorOf<Head>(*stream, "output"), &error));
         expectError(error, c.domain, c.code, c.beginning);
     }
-    // The two sides of a playthrough differ in their channels.
     const auto layer = installTestBackend();
     layer->outputLayout = {1};
     KROErrorPtr error;
@@ -313,10 +304,8 @@ TEST(KROOSXHardwareAudioProcessor, SetDeviceStoresAChangedDeviceAndPostsDidChang
     EXPECT_EQ(posted, 2);
 }
 
-// The input head reads the device's interleaved memory at its stride, the
-// playthrough hands it on latency frames later (the safety offsets 3 and 5
-// and the 64 frames of both sides), counted from when both clocks were first
-// seen, and the render head adds it into the device's memory at its stride.
+// Input goes out latency frames (offsets 3 + 5, 64 frames a side) after both
+// clocks were first seen, added into the device's interleaved memory.
 TEST(KROAudioPlaythrough, CarriesInputToOutputLatencyFramesAfterBothClocksAreSeen) {
     installTestBackend();
     const auto stream = playthroughStream();

@@ -1,5 +1,4 @@
-// The hinge on a private JACK server with the dummy backend: its latency
-// measured with impulses at the device head.
+// The hinge's latency measured with impulses on a private JACK server.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -24,8 +23,7 @@ namespace {
 
 constexpr std::int64_t kImpulseSpacing = 4800;
 
-// 1.0 on channel 0 wherever the render info's clock is a multiple of the
-// spacing.
+// 1.0 on channel 0 wherever the clock is a multiple of the spacing.
 class KROTestImpulseTrain : public KROAudioGenerator {
     KRO_DECLARE_CLASS(KROTestImpulseTrain)
 
@@ -41,8 +39,7 @@ public:
     }
 };
 
-// Notes, on the device's thread, the clock of every impulse that reaches
-// the head.
+// The clock of every impulse that reaches the head.
 class ArrivalObserver : public KROAudioBusObserver {
 public:
     void willRender(KROAudioBufferList&, KROAudioBus&, KROAudioStreamRenderInfo&) override {}
@@ -79,8 +76,7 @@ class KROHingeAudioProcessorOnJACK : public KROJACKServerTest {
 protected:
     void SetUp() override {
         alarm(watchdogSeconds);
-        // Blocks of 512: the one length at which the hinge's ring of two
-        // blocks holds its 512 frames exactly.
+        // Blocks of 512, at which the ring of two blocks holds 512 frames exactly.
         ASSERT_TRUE(server_.start(512)) << "jackd did not start";
     }
 };
@@ -100,9 +96,7 @@ TEST_F(KROHingeAudioProcessorOnJACK, TheHingeDeliversImpulses512FramesLateAtTheD
     std::this_thread::sleep_for(std::chrono::seconds(3));
     ASSERT_TRUE(stream.stop(&error));
 
-    // The delay of each impulse is where it arrived past its multiple of the
-    // spacing. A block that the machine made the worker miss plays what the
-    // ring held; such delays are counted apart.
+    // Delays past the multiple; blocks the worker missed are counted apart.
     std::map<std::int64_t, int> delays;
     for (std::size_t i = 0; i < observer.count.load(); ++i) {
         ++delays[observer.arrivals[i] % kImpulseSpacing];

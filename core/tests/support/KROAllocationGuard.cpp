@@ -4,8 +4,7 @@
 
 namespace {
 
-// Plain thread-local data, set up with the thread and never destroyed, so
-// that counting works at any moment, also inside the allocator.
+// Plain thread-local data, never destroyed, so counting works even inside the allocator.
 thread_local bool armed __attribute__((tls_model("initial-exec"))) = false;
 thread_local std::size_t allocations __attribute__((tls_model("initial-exec"))) = 0;
 
@@ -29,8 +28,7 @@ std::size_t KROAllocationGuard::count() const {
 
 #if defined(KRO_SANITIZER_BUILD)
 
-// The sanitizers own malloc and operator new and call this hook for every
-// allocation of either kind. GCC ships no header that declares it.
+// The sanitizers call this hook for every allocation; GCC ships no header for it.
 extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*mallocHook)(const volatile void*,
                                                                             std::size_t),
                                                          void (*freeHook)(const volatile void*));
@@ -44,10 +42,8 @@ namespace {
 
 #else
 
-// glibc's allocator under its own names. The replacements below count and
-// forward to it, so every block is freed by the allocator that made it. The
-// C++ library's operator new and delete, in every form, call these entry
-// points, so they are counted without being replaced themselves.
+// The replacements count and forward to glibc's allocator, which operator new
+// and delete call too, so they are counted without being replaced.
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);

@@ -1,9 +1,6 @@
-// Counts the heap allocations made on the current thread while a guard is
-// alive, so that a test can show that a render call allocates nothing:
-// malloc, calloc, realloc, aligned_alloc, posix_memalign, memalign, and so
-// operator new in every form. In a sanitizer build the sanitizer reports them
-// to a hook instead; ThreadSanitizer's leaves out aligned_alloc and
-// posix_memalign.
+// Counts the heap allocations of the current thread while a guard lives (every
+// malloc family call, so operator new too), to show a render call allocates
+// nothing. ThreadSanitizer's hook leaves out aligned_alloc and posix_memalign.
 #pragma once
 
 #include <cstddef>

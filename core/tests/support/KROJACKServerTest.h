@@ -1,5 +1,4 @@
-// Each test beside a private JACK server, with an alarm that ends the program
-// rather than let a test that waits on JACK hang.
+// Each test beside a private JACK server, with an alarm rather than a hang.
 #pragma once
 
 #include <gtest/gtest.h>

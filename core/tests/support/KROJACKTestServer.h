@@ -1,6 +1,5 @@
-// A private JACK server for tests and benchmarks: jackd with the dummy backend
-// at 48 kHz under a name of its own, never a user's server. It dies with the
-// program that started it, and gets a fresh shared JACK device backend.
+// A private jackd (dummy backend, 48 kHz, its own name) that dies with the
+// program, with a fresh shared JACK device backend.
 #pragma once
 
 #include <fcntl.h>
@@ -30,8 +29,7 @@ public:
         return "kro-test-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
     }
 
-    // Starts jackd, under SCHED_FIFO with its clients when realtime (jackd
-    // -R), and waits at most 10 s for it to answer.
+    // Under SCHED_FIFO when realtime; waits at most 10 s for an answer.
     bool start(unsigned frames = 256, bool realtime = false) {
         // libjack would report each failed probe on standard error.
         jack_set_error_function([](const char*) {});
@@ -63,9 +61,7 @@ public:
         return false;
     }
 
-    // Ends the server with SIGTERM, so that it clears its shared memory, and
-    // waits for it; a test that hangs here meets its alarm, which also ends
-    // the server.
+    // SIGTERM, so that it clears its shared memory; a hang meets the alarm.
     void stop() {
         KROAudioDeviceBackend::setSharedBackend(nullptr);
         if (pid_ > 0) {

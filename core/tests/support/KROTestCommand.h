@@ -1,5 +1,4 @@
-// Runs the programs the tests compare with (sox, python3, coreutils, JACK's
-// tools) through the shell.
+// Runs the programs the tests compare with through the shell.
 #pragma once
 
 #include <sys/wait.h>

@@ -1,6 +1,5 @@
-// The kro program as a user runs it, beside a private JACK server: `kro
-// devices` agrees with JACK's own tools, `kro play` plays, and every kind of
-// bad input ends in a clear message and exit status, never a hang.
+// kro beside a private JACK server: devices as JACK's tools list them, play,
+// and bad input ending in a clear message and status, never a hang.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -51,8 +50,7 @@ TEST_F(KROCommandLine, PlayRunsTheDescriptionAtTheBufferSizeAskedForAndPutsTheSi
     EXPECT_EQ(KRORunCommand("jack_bufsize | grep -o '^[0-9]*'").output, "256\n");
 }
 
-// Each way play and devices fail: the exit status and all that goes to
-// standard error. A kro that hangs is killed and fails on its status.
+// Each failure's exit status and all of standard error; a hang is killed.
 TEST_F(KROCommandLine, EveryFailureEndsWithItsStatusAndExactMessage) {
     // A description whose render head is a plain head.
     const std::string noHead = KRO_SOURCE_DIR "/examples/dock-chain.plist";

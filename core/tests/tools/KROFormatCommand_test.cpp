@@ -1,6 +1,4 @@
-// `kro format` as a user runs it from the shell: the text of a time, level
-// or note, a text read back into its number, JSON that python reads, and a
-// clear message with exit code 1 for every kind of bad input.
+// `kro format`: texts of times, levels and notes, read back, JSON for python, bad input.
 #include <gtest/gtest.h>
 
 #include <string>

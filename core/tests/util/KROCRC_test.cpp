@@ -1,5 +1,4 @@
-// CRCs of any order: catalogued check values, the setters' limits, and
-// agreement with Python's zlib and binascii.
+// CRCs of any order: catalogue check values, setter limits, Python's zlib and binascii.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -8,8 +7,7 @@
 #include "KROScratchDirectory.h"
 #include "KROTestOracles.h"
 
-// Each form's CRC of "123456789" as the catalogues give it, from init
-// (reflected) or initForCCITT16 (not reflected) and the setters.
+// Each form's catalogued CRC of "123456789".
 TEST(KROCRC, CataloguedFormsGiveTheirCheckValues) {
     struct Form {
         bool reflected;
@@ -37,9 +35,7 @@ TEST(KROCRC, CataloguedFormsGiveTheirCheckValues) {
     EXPECT_EQ(KROCRC::reflect(0x04C11DB7, 32), 0xEDB88320u);
 }
 
-// Orders outside 1...32 and values with bits above the mask are ignored and
-// keep the table; order, polynomial and input reflection drop it; orders
-// below 8 stay within their mask.
+// Out-of-range orders and values are ignored; orders below 8 stay within their mask.
 TEST(KROCRC, SettersKeepTheirLimits) {
     auto crc = KROCRC::crcForCCITT16();
     crc->crcForString("x");

@@ -1,5 +1,4 @@
-// The deque: both ends, growth by doubling blocks, ownership of what it holds,
-// and a failed block that is logged while the deque goes on working.
+// The deque: both ends, growth, ownership, and a failed block that is logged.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -30,8 +29,7 @@ std::vector<int> drain(KRODeque& deque) {
 
 } // namespace
 
-// Pops past the end give nothing and leave the deque usable; blocks double;
-// a push retains, a pop hands over, and closing releases what is still held.
+// Pops past the end give nothing; a push retains, a pop hands over, closing releases.
 TEST(KRODeque, HoldsItsObjectsAtBothEndsAndGrows) {
     auto deque = std::make_shared<KRODeque>();
     ASSERT_TRUE(deque->initWithCapacity(2));
@@ -59,9 +57,8 @@ TEST(KRODeque, HoldsItsObjectsAtBothEndsAndGrows) {
     EXPECT_EQ(popped.use_count(), 1);
 }
 
-// A failed first block logs its size and gives no deque; a failed later block
-// logs and the push takes the free list's sentinel as its element: the deque
-// keeps working, and what it holds is still released with it.
+// A failed first block gives no deque; a failed later block is logged and the
+// push takes the free list's sentinel as its element; the deque goes on.
 TEST(KRODeque, AFailedBlockIsLoggedAndTheDequeGoesOn) {
     std::vector<std::string> log;
     KROSetLogSink([&](const std::string& line) { log.push_back(line); });

@@ -1,5 +1,4 @@
-// 80-bit extended floats, the form of AIFF sample rates: exact bytes, the
-// kept edge rules, and Python's exact arithmetic both ways.
+// 80-bit extended floats: exact bytes, kept edge rules, Python's exact arithmetic.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -28,10 +27,8 @@ double valueOf(const KROData& bytes) {
 
 } // namespace
 
-// Zero of either sign writes ten zero bytes; infinity, NaN and overflow write
-// exponent 32767 and a zero mantissa. Reading, exponent 32767 is infinity
-// whatever the mantissa, never NaN, and the sign bit negates zero and
-// infinity too. Common rates come back exactly.
+// Signed zero writes zeroes; infinity, NaN and overflow exponent 32767, which
+// reads as infinity whatever the mantissa, never NaN.
 TEST(KROExtended80, KeepsItsEdgeRulesAndRatesExactly) {
     EXPECT_EQ(bytesFor(44100), "400eac44000000000000");
     EXPECT_EQ(bytesFor(-0.0), "00000000000000000000");
@@ -53,9 +50,7 @@ TEST(KROExtended80, KeepsItsEdgeRulesAndRatesExactly) {
     EXPECT_EQ(valueOf({0x40, 0x03, 0x80, 0, 0, 0, 0, 0x10, 0, 0}), 16.0 + std::ldexp(1.0, -39));
 }
 
-// Writing random doubles of every exponent against bytes packed by Python's
-// struct from exact fractions; reading random patterns against Python's exact
-// arithmetic, bit for bit.
+// Random doubles and bit patterns both ways against Python's exact fractions.
 TEST(KROExtended80, AgreesWithPythonExactArithmetic) {
     std::mt19937_64 random(80);
     std::string written, read, ours;

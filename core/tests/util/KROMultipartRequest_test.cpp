@@ -1,5 +1,4 @@
-// Multipart form requests: the exact body of every kind of field, read back
-// field by field by Python's email package.
+// Multipart form requests: exact bodies, read back by Python's email package.
 #include <gtest/gtest.h>
 
 #include "KROMultipartRequest.h"
@@ -22,9 +21,8 @@ std::string file(const std::string& name, const std::string& filename, const std
 
 } // namespace
 
-// Strings and numbers as text, a file by its name and bytes (none when it
-// cannot be read), a data block as "<key>.txt", any other kind as its boundary
-// line alone, in the given order; a property dictionary in its order.
+// Each field by its kind, in order: text, a file by name and bytes, data as
+// "<key>.txt", anything else as its boundary alone.
 TEST(KROMultipartRequest, TheBodyHoldsEachFieldByItsKind) {
     KROScratchDirectory directory;
     const std::string wave("RIFF\0\xFF\r\n--0x", 11);

@@ -20,8 +20,7 @@ class KROTestGadget : public KROTestWidget {
 
 } // namespace
 
-// A host adds classes and makes objects by name; kinds follow the registered
-// superclasses; unknown names and cycles give nothing; names come sorted.
+// Objects by name; kinds follow superclasses; unknown names and cycles give nothing.
 TEST(KROClassRegistry, MakesObjectsOfRegisteredClassesByName) {
     auto& registry = KROClassRegistry::sharedRegistry();
     registry.registerClass("KROTestWidget", "KROObject",
@@ -43,9 +42,8 @@ TEST(KROClassRegistry, MakesObjectsOfRegisteredClassesByName) {
     EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
 }
 
-// Observers of a name get its notifications with the user information, in
-// the order they were added; one removed, even during delivery, gets nothing;
-// posting from many threads at once delivers every notification.
+// Observers get their notifications in order; one removed, even while
+// delivering, gets nothing; posts from many threads all arrive.
 TEST(KRONotificationCenter, DeliversToTheObserversOfANameInOrder) {
     auto& center = KRONotificationCenter::defaultCenter();
     std::vector<std::string> received;

@@ -1,5 +1,4 @@
-// Property lists: reads, XML round trips, binary lists from libplist and
-// plistutil, hostile input of every kind, and files.
+// Property lists: reads, XML, binary lists of libplist and plistutil, hostile input, files.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -77,9 +76,7 @@ void append(Bytes& bytes, std::uint64_t value, std::size_t size) {
     }
 }
 
-// A binary list of hand-made objects, object 0 the root, for the shapes no
-// writer makes: an object is its marker byte, then its bytes or its 4-byte
-// references to other objects.
+// A binary list of hand-made objects (marker, then bytes or 4-byte references), root first.
 Bytes binaryOf(const std::vector<std::pair<std::uint8_t, std::vector<std::uint64_t>>>& objects) {
     Bytes bytes{'b', 'p', 'l', 'i', 's', 't', '0', '0'}, offsets;
     for (const auto& [marker, contents] : objects) {
@@ -110,10 +107,8 @@ Bytes chainOfArrays(std::size_t depth, std::size_t width = 1) {
 
 } // namespace
 
-// Number reads truncate, saturate and fall back for other kinds; containers
-// keep first-insertion order; equality is deep, ordered and by kind; values
-// survive XML within libplist's limits: dates in whole seconds cut toward
-// 2001 and clamped to 32 bits, negative zero without its sign.
+// Numbers truncate and saturate; equality is deep, ordered, by kind; XML keeps
+// values within libplist's limits (dates in 32-bit whole seconds, zero unsigned).
 TEST(KROPropertyList, ValuesReadAndSurviveXML) {
     EXPECT_EQ(List(-7.75).longValue(), -7);
     EXPECT_EQ(List(true).longValue(), 1);
@@ -149,8 +144,7 @@ TEST(KROPropertyList, ValuesReadAndSurviveXML) {
     EXPECT_FALSE(std::signbit(*back(List(-0.0)).realValue()));
 }
 
-// Binary lists of libplist and plistutil read back whole, keyed-archive UIDs
-// as integers.
+// libplist and plistutil binary lists read back whole, UIDs as integers.
 TEST(KROPropertyList, ReadsWhatOtherWritersWrite) {
     List value;
     value.setObjectForKey("name", "b\u00e9b\u00e9 \U0001F3B5 & <coda>");
@@ -175,8 +169,7 @@ TEST(KROPropertyList, ReadsWhatOtherWritersWrite) {
     EXPECT_EQ(*List::fromFile(directory / "out"), value);
 }
 
-// Malformed text, every truncation of a binary list, and text holding U+0000
-// (which libplist cannot take) fail as corrupt data.
+// Malformed text, truncated binary lists and U+0000 fail as corrupt data.
 TEST(KROPropertyList, MalformedInputIsRefused) {
     using namespace std::string_view_literals;
     for (std::string_view text :
@@ -200,9 +193,8 @@ TEST(KROPropertyList, MalformedInputIsRefused) {
     expectRefused(binaryOf({{0xD1, {1, 2}}, {0x62, {'a', 0}}, {0x51, {'v'}}}));
 }
 
-// Nesting is read to 512 levels and refused beyond without exhausting the
-// stack however deep, whatever the reader skips; shared children count at
-// their deepest place and may not expand without bound or form a cycle.
+// Nesting reads to 512 levels and is refused beyond, however hidden; shared
+// children count at their deepest place and may neither explode nor loop.
 TEST(KROPropertyList, HostileNestingIsRefused) {
     const auto xmlArrays = [](std::size_t depth) {
         return "<plist>" + repeat("<array>", depth) + repeat("</array>", depth) + "</plist>";
@@ -228,7 +220,6 @@ TEST(KROPropertyList, HostileNestingIsRefused) {
         doubled = List(List::Array{doubled, doubled});
     }
     EXPECT_EQ(*read(chainOfArrays(8, 2)), doubled);
-    // The root holds chains A and B of the same length, and B ends in A.
     for (const std::uint64_t length : {200, 300}) {
         std::vector<std::pair<std::uint8_t, std::vector<std::uint64_t>>> objects{
             {0xA2, {1, 1 + length}}};
@@ -246,9 +237,7 @@ TEST(KROPropertyList, HostileNestingIsRefused) {
     }
 }
 
-// A missing file is "no such file" (4), a directory not a file (256); writing
-// replaces the file whole, keeps its mode, leaves nothing beside it, and a
-// failed write loses nothing.
+// File errors have their codes; writing replaces whole, keeps the mode, loses nothing on failure.
 TEST(KROPropertyList, FilesAreReadAndReplacedWhole) {
     KROScratchDirectory directory;
     const auto path = directory / "settings.plist";

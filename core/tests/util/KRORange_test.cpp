@@ -1,5 +1,4 @@
-// Long and double ranges: union spans both; intersection is what they share,
-// location 0 length 0 when they share nothing, and keeps a touching location.
+// Ranges: union spans both; intersection is what they share, {0, 0} when nothing.
 #include <gtest/gtest.h>
 
 #include "KRORange.h"

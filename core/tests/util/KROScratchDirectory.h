@@ -1,10 +1,10 @@
-// Test helper: a fresh directory of its own under the system's temporary
-// directory, removed with everything in it when the helper goes.
+// A fresh temporary directory, removed with its contents when the helper goes.
 #pragma once
 
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 class KROScratchDirectory {
@@ -23,7 +23,7 @@ public:
     KROScratchDirectory& operator=(const KROScratchDirectory&) = delete;
 
     const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+    std::filesystem::path operator/(std::string_view name) const { return path_ / name; }
 
 private:
     std::filesystem::path path_;

@@ -1,6 +1,4 @@
-// The string and data helpers: base64 against coreutils, digests against
-// md5sum and sha1sum, big-endian reads, four-character codes with their kept
-// blanking rule, tags, escapes, ASCII and names.
+// String and data helpers: base64 and digests against coreutils, codes, tags, escapes.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -20,8 +18,7 @@ KROData randomData(std::mt19937& random, std::size_t length) {
 
 } // namespace
 
-// The standard alphabet, "=" padding, no line breaks; decoding skips white
-// space and stops at a zero byte.
+// "=" padding, no line breaks; decoding skips white space and stops at a zero byte.
 TEST(KROStringHelpers, Base64RoundTripsTheStandardAlphabet) {
     const std::pair<const char*, const char*> encodings[] = {
         {"", ""},        {"f", "Zg=="},          {"fo", "Zm8="},
@@ -37,9 +34,7 @@ TEST(KROStringHelpers, Base64RoundTripsTheStandardAlphabet) {
     EXPECT_EQ(kro::decodeBase64(std::string_view("Zm9v\0garbage", 12)), KROBytes("foo"));
 }
 
-// Malformed text gives none: a character outside the alphabet, a misplaced
-// or missing "=", an unfinished group, bits set in the unused tail. Some of it
-// coreutils would decode; the helper is stricter on purpose.
+// Malformed text gives none, stricter on purpose than coreutils.
 TEST(KROStringHelpers, Base64RefusesMalformedText) {
     for (std::string_view text :
          {"Zg",    "Zm9",         "Z",        "Zm9vY", "=",    "Z===", "Zg=",  "Zg=a",
@@ -49,8 +44,6 @@ TEST(KROStringHelpers, Base64RefusesMalformedText) {
     }
 }
 
-// Random data of many lengths, both ways, against coreutils base64, md5sum
-// and sha1sum.
 TEST(KROStringHelpers, AgreesWithCoreutils) {
     KROScratchDirectory directory;
     std::mt19937 random(64);
@@ -85,9 +78,8 @@ TEST(KROStringHelpers, ValuesAtPositionsAreBigEndian) {
     EXPECT_EQ(kro::bigIntValueAtPosition(data, std::numeric_limits<std::size_t>::max()), 0u);
 }
 
-// Kept as stored files expect it: the lowest byte alone decides, so when it is
-// not printable all four become blanks, letters above it included, and when
-// it is, the other bytes pass as they are, read as Mac OS Roman.
+// Kept for stored files: an unprintable lowest byte blanks all four, else all
+// pass, read as Mac OS Roman.
 TEST(KROStringHelpers, FourCharCodesFollowTheLowestByte) {
     const std::pair<std::uint32_t, std::string> codes[] = {{0x61626300, "    "},
                                                            {0, "    "},

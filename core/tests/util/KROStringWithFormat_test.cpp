@@ -1,6 +1,4 @@
-// Format strings taken from data: conversions as the C library prints them,
-// %@ for objects, positions, mismatched and missing arguments, and hostile
-// formats that neither crash nor run away.
+// Format strings from data: as the C library prints, %@, positions, bad arguments, hostility.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -70,8 +68,7 @@ TEST(KROStringWithFormat, ConversionsPrintAsTheCLibraryPrintsThem) {
     EXPECT_EQ(format("%p %8p|", 255, 0), "0xff      0x0|");
 }
 
-// %@ prints a string as it is, a number as its decimal text, an object's
-// description, "(null)" for none; width and precision count characters.
+// %@ prints strings, numbers, descriptions and "(null)"; widths count characters.
 TEST(KROStringWithFormat, TheObjectConversionPrintsDescriptions) {
     const std::shared_ptr<KROObject> none;
     EXPECT_EQ(
@@ -86,10 +83,8 @@ TEST(KROStringWithFormat, TheObjectConversionPrintsDescriptions) {
               "  \u00e9t\u00e9|\u00e9t\u00e9  |\u65e5\u672c");
 }
 
-// Positions pick their argument and "*" takes width and precision from the
-// arguments; a conversion with no argument left writes nothing; a number given
-// to another numeric conversion converts, saturating; a string given to a
-// number prints as it is; a negative value keeps its bits when unsigned.
+// Positions and "*" pick arguments; a missing one writes nothing; mismatched
+// kinds convert, saturating, or print as they are.
 TEST(KROStringWithFormat, ArgumentsArePickedAndConverted) {
     const std::pair<std::string, std::string> cases[] = {
         {format("%2$@ %1$@|%1$d-%1$d|%2$d %d", "7", 9), "9 7|7-7|9 7"},
@@ -114,8 +109,7 @@ TEST(KROStringWithFormat, ArgumentsArePickedAndConverted) {
     }
 }
 
-// What is not understood is written as it stands and takes no argument; %n is
-// never honoured; widths and precisions are capped; UTF-8 passes through.
+// Unknown conversions are written out; %n is never honoured; widths are capped.
 TEST(KROStringWithFormat, HostileFormatsAreWrittenOutOrCapped) {
     for (const char* text :
          {"%", "50%", "%5", "%ll", "%q", "%k", "%5%", "%0$d", "%.-3f", "%'d", "%n", "%hhn%lln"}) {

@@ -1,5 +1,4 @@
-// Test helpers for comparing with programs nobody here wrote: Python scripts
-// given as text, files of bytes, and hexadecimal text.
+// Helpers for comparing with outside programs: Python scripts, byte files, hex.
 #pragma once
 
 #include <filesystem>

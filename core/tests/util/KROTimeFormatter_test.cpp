@@ -1,7 +1,5 @@
-// The time formatter as text fields use it: the text of each format, what
-// typed text reads back to, the refusals with their messages, and the odd
-// behaviour hosts rely on (floored counts, drop-frame numbering, 23.976 in a
-// base of 30, blocks that drop their samples when read).
+// The time formatter: each format's text, typed text read back, refusals, and
+// the odd behaviour hosts rely on (floored counts, drop frames, 23.976 in 30).
 #include <gtest/gtest.h>
 
 #include <cmath>

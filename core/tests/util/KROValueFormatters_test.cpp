@@ -1,7 +1,4 @@
-// The decibel, MIDI note, bit depth and time remaining formatters as a user
-// of an editor meets them: the texts they show, what typed text reads back
-// to, a message that quotes text meaning nothing, and a round trip from text
-// to value to the same text.
+// The decibel, note, bit depth and time remaining formatters: texts, typed text, refusals.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -19,8 +16,7 @@ namespace {
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-// Each accepted text reads to its value; each refused one answers false with
-// a message that quotes it, and leaves the value alone.
+// Accepted texts read to their value; refused ones quote the text and keep the value.
 template <typename Formatter, typename Value>
 void expectReadings(const Formatter& formatter,
                     std::span<const std::pair<const char*, Value>> accepted,

@@ -1,5 +1,4 @@
-// Value maps: each curve against its closed form, the rules that hold a
-// point in its map, and curves read back from properties as they were saved.
+// Value maps: curves against their closed forms, point rules, saved curves.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -42,9 +41,7 @@ KROPoint bezier(const std::vector<KROPoint>& p, double t) {
 
 } // namespace
 
-// Straight segments and the logarithmic bend are sampled at 1001 inputs;
-// the Bézier curves at 1001 values of their parameter, whose x the map must
-// solve for before it can give y.
+// 1001 inputs (or Bézier parameters, whose x the map must solve for) per curve.
 TEST(KROValueMap, EachCurveFollowsItsClosedFormAt1001Points) {
     struct Case {
         const char* what;
@@ -137,8 +134,7 @@ TEST(KROValueMap, ChangingTheTypeKeepsTheEndLevelsOnAStraightLine) {
     }
 }
 
-// Saved curves come back exactly, even outside the unit square; curves too
-// short for their type, unknown types and odd inputs answer without harm.
+// Saved curves come back exactly; short, unknown or odd curves answer without harm.
 TEST(KROValueMap, PropertiesComeBackUnconstrainedAndBadCurvesAnswerSafely) {
     const auto outside = curve("segmented", {{-0.5, 2}, {0.5, -1}, {1.5, 3}});
     const auto map = mapWith(outside);
