@@ -433,7 +433,10 @@ void KROAudioFileContent::appendIXMLToChunk(KROAudioFileChunk& chunk) {
 // ------------------------------------------------------------------ reading
 
 void KROAudioFileContent::parseIXMLChunk(const KROAudioFileChunk& chunk) {
-    const KROData bytes = chunk.dataAtPosition(0, chunk.dataLength()).value_or(KROData());
+    KROData bytes = chunk.dataAtPosition(0, chunk.dataLength()).value_or(KROData());
+    // Recorders reserve room for the document and fill what is left with
+    // zeros, which no XML text holds: the document ends at the first.
+    bytes.erase(std::find(bytes.begin(), bytes.end(), std::uint8_t{0}), bytes.end());
     const auto parser = KROXMLParser::parser();
     parser->setArrayElements({"SYNC_POINT_LIST", "TRACK_LIST"});
     parser->setIgnoredElements({"BWFXML", "TRACK_COUNT", "SYNC_POINT_COUNT"});
