@@ -2,8 +2,11 @@
 // read with its fields, tags written here are read by mutagen with ours, and
 // damaged tags are read as far as they go.
 #include <map>
+#include <set>
 
 #include "KROAudioFileChunk.h"
+#include "KROAudioMetadataTable.h"
+#include "KROLocalizedString.h"
 #include "KROLog.h"
 #include "KROResources.h"
 #include "KROTagTestSupport.h"
@@ -384,5 +387,36 @@ TEST(KROAudioFileContentTags, DamagedAPETagsReadAsFarAsTheyGo) {
         SCOPED_TRACE(c.what);
         KROWriteTestFile(directory / "tag.ape", c.file);
         EXPECT_EQ(linesOf(readAPE(directory / "tag.ape")->metadata()), c.lines);
+    }
+}
+
+// Every key of the metadata table has a title for the host to show, and the
+// table names what the AIFF text chunks and the iXML production block need.
+TEST(KROAudioFileContentTags, MetadataTableCoversTheFormats) {
+    const auto table = KROAudioMetadataTable::load();
+    ASSERT_TRUE(table);
+    std::map<std::string, std::string> aiff;
+    std::set<std::string> ixml;
+    for (const auto& entry : table->entries()) {
+        const std::string titleKey = "KROMetadataItem_" + entry.key;
+        EXPECT_NE(KROLocalizedString(titleKey), titleKey);
+        if (const std::string* name = entry.nameForFormat("aiff")) {
+            aiff[*name] = entry.key;
+        }
+        if (entry.nameForFormat("ixml")) {
+            ixml.insert(entry.key);
+        }
+    }
+    EXPECT_EQ(aiff["NAME"], "name");
+    EXPECT_EQ(aiff["(c) "], "copyright");
+    EXPECT_EQ(aiff["AUTH"], "author");
+    EXPECT_EQ(aiff["ANNO"], "annotation");
+    for (const char* key :
+         {"fullTitle", "director", "productionName", "productionAddress", "productionEmail",
+          "productionPhone", "productionNote", "soundMixerName", "soundMixerAddress",
+          "soundMixerEmail", "soundMixerPhone", "soundMixerNote", "audioRecorderModel",
+          "audioRecorderSerialNumber", "audioRecorderFirmware", "fileSet", "trackList", "fileUID",
+          "takeType"}) {
+        EXPECT_TRUE(ixml.count(key)) << key;
     }
 }
