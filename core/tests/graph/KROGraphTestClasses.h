@@ -52,12 +52,12 @@ public:
     }
 
     // A constant signal, also from the setting "value".
-    void setValue(float value) {
+    void setConstant(float value) {
         signal = [value](std::uint64_t, std::uint32_t) { return value; };
     }
     bool setSettings(const KROPropertyList& settings, KROErrorPtr* error = nullptr) override {
         if (const KROPropertyList* value = settings.objectForKey("value")) {
-            setValue(static_cast<float>(value->doubleValue(0.5)));
+            setConstant(static_cast<float>(value->doubleValue(0.5)));
         }
         return KROAudioGenerator::setSettings(settings, error);
     }

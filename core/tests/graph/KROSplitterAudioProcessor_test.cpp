@@ -28,12 +28,12 @@ TEST(KROSplitterAudioProcessor, Bus0DrivesTheSourceOnceABlockAndEveryBusTakesACo
     auto b = split.get<KROTestHead>("b");
     auto generator = split.get<KROTestGenerator>("generator");
     ASSERT_TRUE(b->initializeForRender());
-    generator->setValue(0.25f);
+    generator->setConstant(0.25f);
     split.head->renderBlock();
     b->renderBlock();
     EXPECT_TRUE(allSamplesAre(*b->buffer, 0.25f));
     // Bus 1 before bus 0 gets the block before.
-    generator->setValue(0.5f);
+    generator->setConstant(0.5f);
     KRO_EXPECT_NO_ALLOCATION(b->renderBlock());
     EXPECT_TRUE(allSamplesAre(*b->buffer, 0.25f));
     KRO_EXPECT_NO_ALLOCATION(split.head->renderBlock());
