@@ -2,8 +2,6 @@
 // Python's strict XML reader and read back to the same metadata and labels;
 // documents as field recorders write them are read into metadata and labels;
 // malformed documents set nothing.
-#include <map>
-
 #include "KROAudioFileChunk.h"
 #include "KRODateText.h"
 #include "KROTagTestSupport.h"
@@ -13,15 +11,6 @@ namespace {
 using namespace std::string_literals;
 
 constexpr double kRate = 48000.0;
-
-// Each key with the description of its value, in key order.
-std::map<std::string, std::string> descriptionsOf(const KROPropertyList& metadata) {
-    std::map<std::string, std::string> descriptions;
-    for (const auto& [key, value] : *metadata.dictionaryValue()) {
-        descriptions[key] = value.description();
-    }
-    return descriptions;
-}
 
 // "type location length name" of each label.
 std::vector<std::string> labelLines(const KROAudioFileContent& content) {
@@ -109,7 +98,7 @@ TEST(KROAudioFileContentIXML, WrittenDocumentsReadBack) {
          }) {
         metadata.setObjectForKey(key, value);
     }
-    const auto written = descriptionsOf(metadata);
+    const auto written = KRODescriptionsOf(metadata);
     metadata.setObjectForKey("smpteUMID", KROData{1, 2, 3});
     metadata.setObjectForKey("keyOfNoEntry", "not written");
     content.labels() = {label("sync", 1.5, 0, "Clap", "RELATIVE"),
@@ -135,7 +124,7 @@ TEST(KROAudioFileContentIXML, WrittenDocumentsReadBack) {
     EXPECT_EQ(strictReading(chunk), "well-formed\n");
 
     const auto readBack = readDocument(chunk);
-    EXPECT_EQ(descriptionsOf(readBack->metadata()), written);
+    EXPECT_EQ(KRODescriptionsOf(readBack->metadata()), written);
     // An absolute point comes back at its place only when written as
     // "ABSOLUTE": the reader compares case and all, the writer does not.
     EXPECT_EQ(labelLines(*readBack), (std::vector<std::string>{"sync 1.500000 0.000000 Clap",
@@ -144,51 +133,20 @@ TEST(KROAudioFileContentIXML, WrittenDocumentsReadBack) {
                                                                "sync 11.000000 0.000000 Lower"}));
 }
 
-// A document as a recorder writes it, version 2: USER entries join the
-// metadata, sync points become labels, the take flags the take type; keys no
-// one renames stay in the recorder's lower-case form.
+// A document as a recorder writes it, version 2, padded with zeros: USER
+// entries join the metadata, sync points become labels, the take flags the
+// take type; keys no one renames stay in the recorder's lower-case form.
 TEST(KROAudioFileContentIXML, ReadsAFieldRecorderDocument) {
-    const KROAudioFileChunk chunk =
-        chunkOfText("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n<BWFXML>\r\n"
-                    "  <IXML_VERSION>2.10</IXML_VERSION>\r\n  <PROJECT>Feature</PROJECT>\r\n"
-                    "  <SCENE>12A</SCENE>\r\n  <TAKE>3</TAKE>\r\n  <CIRCLED>TRUE</CIRCLED>\r\n"
-                    "  <NO_GOOD>TRUE</NO_GOOD>\r\n  <TAKE_TYPE>DEFAULT,PICKUP</TAKE_TYPE>\r\n"
-                    "  <FILE_UID>RECA1B2C3</FILE_UID>\r\n  <UBITS>00000000</UBITS>\r\n"
-                    "  <SPEED>\r\n    <MASTER_SPEED>25/1</MASTER_SPEED>\r\n  </SPEED>\r\n"
-                    "  <TRACK_LIST>\r\n    <TRACK_COUNT>2</TRACK_COUNT>\r\n"
-                    "    <TRACK><CHANNEL_INDEX>1</CHANNEL_INDEX><NAME>Boom</NAME></TRACK>\r\n"
-                    "    <TRACK><CHANNEL_INDEX>2</CHANNEL_INDEX><NAME>Lav</NAME></TRACK>\r\n"
-                    "  </TRACK_LIST>\r\n"
-                    "  <SYNC_POINT_LIST>\r\n    <SYNC_POINT_COUNT>3</SYNC_POINT_COUNT>\r\n"
-                    "    <SYNC_POINT><SYNC_POINT_TYPE>RELATIVE</SYNC_POINT_TYPE>"
-                    "<SYNC_POINT_HIGH>0</SYNC_POINT_HIGH><SYNC_POINT_LOW>96000</SYNC_POINT_LOW>"
-                    "<SYNC_POINT_EVENT_DURATION>0</SYNC_POINT_EVENT_DURATION></SYNC_POINT>\r\n"
-                    "    <SYNC_POINT><SYNC_POINT_TYPE>ABSOLUTE</SYNC_POINT_TYPE>"
-                    "<SYNC_POINT_FUNCTION>SLATE</SYNC_POINT_FUNCTION>"
-                    "<SYNC_POINT_HIGH>1</SYNC_POINT_HIGH><SYNC_POINT_LOW>0</SYNC_POINT_LOW>"
-                    "<SYNC_POINT_EVENT_DURATION>24000</SYNC_POINT_EVENT_DURATION></SYNC_POINT>\r\n"
-                    "    <SYNC_POINT><SYNC_POINT_COMMENT>Clap</SYNC_POINT_COMMENT>"
-                    "<SYNC_POINT_LOW>48000</SYNC_POINT_LOW></SYNC_POINT>\r\n"
-                    "  </SYNC_POINT_LIST>\r\n"
-                    "  <BEXT>\r\n    <BWF_DESCRIPTION>sSCENE=12A</BWF_DESCRIPTION>\r\n"
-                    "    <BWF_ORIGINATION_DATE>2024-05-17</BWF_ORIGINATION_DATE>\r\n"
-                    "    <BWF_ORIGINATION_TIME>13:14:15</BWF_ORIGINATION_TIME>\r\n"
-                    "    <BWF_TIME_REFERENCE_LOW>4320000000</BWF_TIME_REFERENCE_LOW>\r\n"
-                    "    <BWF_TIME_REFERENCE_HIGH>0</BWF_TIME_REFERENCE_HIGH>\r\n"
-                    "    <BWF_UMID>060A2B34</BWF_UMID>\r\n  </BEXT>\r\n"
-                    "  <USER>\r\n    <FULL_TITLE>The Film</FULL_TITLE>\r\n"
-                    "    <DIRECTOR_NAME>A Director</DIRECTOR_NAME>\r\n"
-                    "    <AUDIO_RECORDER_MODEL>Recorder 8</AUDIO_RECORDER_MODEL>\r\n"
-                    "    <SCENE>replaced by USER</SCENE>\r\n  </USER>\r\n"
-                    "  <STEINBERG><ATTR_LIST><NAME>ignored</NAME></ATTR_LIST></STEINBERG>\r\n"
-                    "</BWFXML>\0\0\0"s);
+    KROAudioFileChunk chunk;
+    chunk.appendData(KROReadTestFile(std::filesystem::path(KRO_SOURCE_DIR) /
+                                     "core/tests/fuzz/corpus/IXML_fuzz/recorder-v2.xml"));
     const auto content = readDocument(chunk);
     const KROPropertyList& metadata = content->metadata();
     EXPECT_EQ(*metadata.objectForKey("originationDate"),
               KROPropertyList(*kro::dateFromString("2024-05-17", "yyyy-MM-dd")));
     EXPECT_EQ(*metadata.objectForKey("originationTime"),
               KROPropertyList(*kro::dateFromString("13:14:15", "HH:mm:ss")));
-    auto descriptions = descriptionsOf(metadata);
+    auto descriptions = KRODescriptionsOf(metadata);
     descriptions.erase("originationDate");
     descriptions.erase("originationTime");
     EXPECT_EQ(
@@ -226,7 +184,7 @@ TEST(KROAudioFileContentIXML, Version1KeepsUserText) {
     const auto content =
         readDocument(chunkOfText("<BWFXML><IXML_VERSION>1.5</IXML_VERSION><USER>free text</USER>"
                                  "<TAKE_TYPE></TAKE_TYPE></BWFXML>"));
-    EXPECT_EQ(descriptionsOf(content->metadata()),
+    EXPECT_EQ(KRODescriptionsOf(content->metadata()),
               (std::map<std::string, std::string>{{"user", "free text"}}));
 }
 

@@ -1,12 +1,13 @@
 // What the tag tests share: a content frame whose file size a test may set,
-// reading a tag file through it, and running python3 with mutagen on a
-// script the test writes.
+// metadata as text, and running python3 with mutagen on a script the test
+// writes.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 
 #include "KROAudioFileContent.h"
@@ -17,6 +18,15 @@ class KROTagTestContent : public KROAudioFileContent {
 public:
     using KROAudioFileContent::setFileSize;
 };
+
+// Each key of the dictionary with the description of its value, in key order.
+inline std::map<std::string, std::string> KRODescriptionsOf(const KROPropertyList& dictionary) {
+    std::map<std::string, std::string> descriptions;
+    for (const auto& [key, value] : *dictionary.dictionaryValue()) {
+        descriptions[key] = value.description();
+    }
+    return descriptions;
+}
 
 // The standard output of the script run by the system's python3 with the
 // arguments; empty, with a failure, when it exits with an error.
