@@ -448,7 +448,8 @@ void KROAudioFileContent::parseIXMLChunk(const KROAudioFileChunk& chunk) {
         const auto root = parser->objectForData(bytes, &error);
         return root && !error && root->isDictionary() ? *root : KROPropertyList::dictionary();
     };
-    const std::string* versionText = stringForKey(parse(), "ixml_version");
+    const KROPropertyList firstReading = parse();
+    const std::string* versionText = stringForKey(firstReading, "ixml_version");
     const bool isVersion1 = versionText && !versionText->empty() && versionText->front() == '1';
     std::vector<std::string> dictionaries = {"SPEED",    "TRACK",      "HISTORY",
                                              "FILE_SET", "SYNC_POINT", "BEXT"};
