@@ -2,27 +2,15 @@
 // its start, from the stream and from memory, and whatever it yields is
 // written out as a version 2.4 tag and read again. Any crash, sanitizer
 // report, leak or allocation beyond the file's size is a finding.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "KROAudioFileChunk.h"
 #include "KROAudioFileContent.h"
+#include "KROFuzzInputFile.h"
 
 namespace {
-
-// The file of the current input, in memory, reached by a path.
-std::string inputPath(const std::uint8_t* data, std::size_t size) {
-    static const int descriptor = ::memfd_create("id3", 0);
-    if (::ftruncate(descriptor, 0) != 0 ||
-        ::pwrite(descriptor, data, size, 0) != static_cast<ssize_t>(size)) {
-        __builtin_trap();
-    }
-    return "/proc/self/fd/" + std::to_string(descriptor);
-}
 
 void readTag(const std::string& path, bool inMemory, KROAudioFileContent& content) {
     KROFileReader reader;
@@ -35,7 +23,7 @@ void readTag(const std::string& path, bool inMemory, KROAudioFileContent& conten
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::string path = inputPath(data, size);
+    const std::string path = KROFuzzInputPath(data, size);
     KROAudioFileContent content;
     readTag(path, false, content);
     readTag(path, true, content);
@@ -44,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     KROAudioFileChunk chunk;
     content.appendID3ToChunk(chunk);
-    const std::string written = inputPath(chunk.data()->data(), chunk.data()->size());
+    const std::string written = KROFuzzInputPath(chunk.data()->data(), chunk.data()->size());
     KROAudioFileContent again;
     readTag(written, false, again);
     return 0;
