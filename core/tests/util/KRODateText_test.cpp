@@ -23,8 +23,8 @@ TEST(KRODateText, FormatsAndParsesAsCoreutilsDate) {
 }
 
 TEST(KRODateText, RefusesTextThatDoesNotFit) {
-    for (const char* text :
-         {"2024-02-30", "2024-13-01", "24-05-17", "2024-05-17x", "2024/05/17", "", "2024-05-"}) {
+    for (const char* text : {"2024-02-30", "2024-13-01", "24-05-17", "2024-05-17x", "2024/05/17",
+                             "", "2024-05-", "1000-01-01"}) {
         EXPECT_FALSE(kro::dateFromString(text, "yyyy-MM-dd")) << text;
     }
 }

@@ -126,8 +126,12 @@ std::optional<KRODate> dateFromString(std::string_view text, std::string_view pa
         }
     }
     const int day = parts.tm_mday;
-    std::time_t seconds = offset ? timegm(&parts) - *offset : std::mktime(&parts);
-    if (at != text.size() || parts.tm_mday != day || seconds == -1) {
+    const std::time_t seconds = offset ? timegm(&parts) - *offset : std::mktime(&parts);
+    // A date is held in nanoseconds, which reach about 292 years either way
+    // of 1970; years beyond are no date here.
+    constexpr std::time_t limit = 9'000'000'000;
+    if (at != text.size() || parts.tm_mday != day || seconds == -1 || seconds < -limit ||
+        seconds > limit) {
         return std::nullopt;
     }
     return std::chrono::system_clock::from_time_t(seconds);
