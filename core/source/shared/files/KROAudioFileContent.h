@@ -36,6 +36,8 @@
 #include "KROFileWriter.h"
 #include "KROPropertyList.h"
 
+class KROAudioFileChunk;
+
 class KROAudioFileContent : public KROObject {
     KRO_DECLARE_CLASS(KROAudioFileContent)
 
@@ -145,6 +147,65 @@ public:
     // The encoder's quality, for compressed formats.
     float quality() const { return quality_; }
     void setQuality(float quality) { quality_ = quality; }
+
+    // ---- ID3v2 and APE tags
+    //
+    // Handlers call these for an 'ID3 ' chunk or a tag at a file's start or
+    // end. Which frame or item means which metadata key is not in code: it
+    // comes from the metadata table (KROAudioMetadataTable), read afresh by
+    // each call. Nothing here reports a failure: a tag that cannot be read
+    // leaves metadata as far as it got. The readers run inside parse, on a
+    // reader not yet shared.
+
+    // The 28-bit value of a synchsafe integer, given as its four bytes were
+    // read from the file in host order.
+    static std::uint32_t decodedID3TagSynchsafeValue(std::uint32_t value);
+    // The synchsafe form of a 28-bit value as an integer: seven bits to each
+    // byte, top bits zero, so 0x0FFFFFFF gives 0x7F7F7F7F.
+    static std::uint32_t encodedID3TagSynchsafeValue(std::uint32_t value);
+    // A genre given by number, such as "(17)" (digits, parentheses and zero
+    // characters only), as its name in the resource ID3Genres. Any other
+    // text, and a number past the list, comes back as it stands.
+    static std::string genreStringForID3GenreNumber(std::string_view genre);
+
+    // Reads the ID3v2.2, 2.3 or 2.4 tag at that position into metadata.
+    // Anything but "ID3" there does nothing; another version is logged as
+    // "found ID3v2%c header" and not read.
+    void parseID3TagInFile(KROFileReader& reader, std::uint64_t position);
+    // The frame walks of the three versions, from the tag header at position.
+    void parseID3v22Tag(KROFileReader& reader, std::uint64_t position);
+    void parseID3v23Tag(KROFileReader& reader, std::uint64_t position);
+    void parseID3v24Tag(KROFileReader& reader, std::uint64_t position);
+    // Some table entry with an id3v24 name has its key in metadata.
+    bool hasID3Metadata() const;
+    // Appends an ID3v2.4 tag of the metadata that the table names for
+    // id3v24. The tag's size goes out in the chunk's byte order.
+    void appendID3ToChunk(KROAudioFileChunk& chunk) const;
+    // Reads an APEv2 tag at the end of the file into metadata; fileSize must
+    // be set.
+    void parseAPETagInFile(KROFileReader& reader);
+
+    // ---- iXML
+
+    // Some table entry's ixml name (its key when the name is empty) is a key
+    // of metadata, or a label is of type "sync" or "event".
+    bool hasIXMLMetadata() const;
+    // Appends one element for the value to content: the key in upper case as
+    // the tag; strings as they are, numbers as 32-bit integers, dictionaries
+    // and lists as nested elements. Lines end in a carriage return.
+    static void appendIXMLValue(const KROPropertyList& value, std::string_view key,
+                                std::string& content);
+    // Appends the iXML document of metadata and the sync and event labels,
+    // padded to an even length. The broadcast keys go into its BEXT block
+    // and are removed from metadata.
+    void appendIXMLToChunk(KROAudioFileChunk& chunk);
+    // Reads an iXML document from the chunk into metadata and labels.
+    void parseIXMLChunk(const KROAudioFileChunk& chunk);
+    // Moves the dictionary's value under key to the camel-case form of key;
+    // nothing for an absent key.
+    static void replaceSnakeCaseKey(std::string_view key, KROPropertyList& dictionary);
+    // "audio_recorder_model" gives "audioRecorderModel".
+    static std::string camelCaseForSnakeCase(std::string_view snakeCase);
 
 protected:
     // ---- Failures

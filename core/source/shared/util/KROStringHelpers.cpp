@@ -427,6 +427,18 @@ std::string stringWithUTF16LittleEndianBytes(const std::uint8_t* bytes, std::siz
     return text;
 }
 
+bool isValidUTF8(std::string_view bytes) {
+    for (std::size_t position = 0, length = 0; position < bytes.size(); position += length) {
+        const std::uint32_t codePoint = decodeUTF8(bytes, position, length);
+        const std::uint32_t smallest = length == 2 ? 0x80 : length == 3 ? 0x800 : 0x10000;
+        if (codePoint == kInvalidCodePoint || codePoint > 0x10FFFF ||
+            (codePoint >= 0xD800 && codePoint < 0xE000) || (length > 1 && codePoint < smallest)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 KROData utf16LittleEndianData(std::string_view string) {
     KROData data;
     const auto appendUnit = [&data](std::uint32_t unit) {

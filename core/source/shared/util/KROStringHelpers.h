@@ -66,6 +66,9 @@ std::string stringWithASCIIBytes(const std::uint8_t* bytes, std::size_t count);
 // Little-endian UTF-16 of count bytes (an odd last byte is ignored); a lone
 // surrogate becomes U+FFFD. A zero unit is kept as a character.
 std::string stringWithUTF16LittleEndianBytes(const std::uint8_t* bytes, std::size_t count);
+// Whether the bytes are well-formed UTF-8: no stray continuation byte, no
+// overlong form, no surrogate, nothing past U+10FFFF.
+bool isValidUTF8(std::string_view bytes);
 // The string as little-endian UTF-16, no terminator; malformed UTF-8 gives U+FFFD.
 KROData utf16LittleEndianData(std::string_view string);
 // The length of the string in UTF-16 units, as the platform's strings count
