@@ -3,6 +3,7 @@
 // documents as field recorders write them are read into metadata and labels;
 // malformed documents set nothing.
 #include "KROAudioFileChunk.h"
+#include "KROAudioTestSupport.h"
 #include "KRODateText.h"
 #include "KROTagTestSupport.h"
 
@@ -262,4 +263,26 @@ TEST(KROAudioFileContentIXML, HasIXMLMetadata) {
     content.metadata().removeObjectForKey("scene");
     content.labels().push_back(KROAudioLabel::labelOfType("event"));
     EXPECT_TRUE(content.hasIXMLMetadata());
+}
+
+// In a WAVE file the tag and the document have chunks of their own; the
+// broadcast keys stay for the document's BEXT block, and the tag, read after
+// the other chunks, keeps its frame's terminator.
+TEST(KROAudioFileContentIXML, WAVEFilesCarryTheDocumentAndTheTag) {
+    KROTemporaryDirectory directory;
+    const std::filesystem::path path = directory.path() / "tagged.wav";
+    const KROPropertyList written = KROPropertyList::Dictionary{
+        {"artist", "Ensemble"}, {"scene", "12A"}, {"description", "room mic"}};
+    writeWAVE(path, *KROAudioBufferList::bufferListWithChannels(1, 4),
+              [&](KROAudioFileWAVEContent& content) { content.metadata() = written; });
+    std::ifstream file(path, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(file)), {});
+    for (const char* text : {"ID3 ", "iXML", "<BWF_DESCRIPTION>room mic"}) {
+        EXPECT_NE(bytes.find(text), std::string::npos) << text;
+    }
+    const auto content = parsedWAVE(path);
+    ASSERT_TRUE(content);
+    expectMetadata(*content, KROPropertyList::Dictionary{{"artist", "Ensemble\0"s},
+                                                         {"scene", "12A"},
+                                                         {"description", "room mic"}});
 }

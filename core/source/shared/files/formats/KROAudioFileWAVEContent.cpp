@@ -269,8 +269,14 @@ bool KROAudioFileWAVEContent::parse(KROErrorPtr* error) {
     if (const auto chunk = chunks.chunkOfType(fourCC("cart"))) {
         readCartChunk(*chunk);
     }
+    if (const auto chunk = chunks.chunkOfType(fourCC("iXML"))) {
+        parseIXMLChunk(*chunk);
+    }
     if (const auto chunk = chunks.chunkOfType(fourCC("axml"))) {
         readEBUChunk(*chunk);
+    }
+    if (const auto chunk = chunks.chunkOfType(fourCC("ID3 "))) {
+        parseID3TagInFile(*fileReader_, chunk->dataLocation());
     }
     if (const auto chunk = chunks.chunkOfTypeSubtype(fourCC("LIST"), fourCC("INFO"))) {
         readInfoList(*chunk);
@@ -594,7 +600,8 @@ bool KROAudioFileWAVEContent::beginWrite(KROErrorPtr* error) {
     const bool written = chunk.appendToFile(error) && writeBroadcastChunk(chunk, error) &&
                          writeFormatChunk(chunk, error) && writeSamplerChunk(chunk, error) &&
                          writeInstrumentChunk(chunk, error) && writeCueChunks(chunk, error) &&
-                         writeInfoList(chunk, error) && writeEBUChunk(chunk, error);
+                         writeInfoList(chunk, error) && writeID3Chunk(chunk, error) &&
+                         writeIXMLChunk(chunk, error) && writeEBUChunk(chunk, error);
     if (!written) {
         return false;
     }
@@ -690,10 +697,33 @@ bool KROAudioFileWAVEContent::writeBroadcastChunk(KROAudioFileChunk& chunk, KROE
     if (!chunk.appendToFile(error)) {
         return false;
     }
-    for (const char* key : broadcastKeys) {
-        values.removeObjectForKey(key);
+    // An iXML document carries a copy of them in its BEXT block.
+    if (!hasIXMLMetadata()) {
+        for (const char* key : broadcastKeys) {
+            values.removeObjectForKey(key);
+        }
     }
     return true;
+}
+
+bool KROAudioFileWAVEContent::writeID3Chunk(KROAudioFileChunk& chunk, KROErrorPtr* error) {
+    if (!hasID3Metadata()) {
+        return true;
+    }
+    chunk.reset();
+    chunk.setType(fourCC("ID3 "));
+    appendID3ToChunk(chunk);
+    return chunk.appendToFile(error);
+}
+
+bool KROAudioFileWAVEContent::writeIXMLChunk(KROAudioFileChunk& chunk, KROErrorPtr* error) {
+    if (!hasIXMLMetadata()) {
+        return true;
+    }
+    chunk.reset();
+    chunk.setType(fourCC("iXML"));
+    appendIXMLToChunk(chunk);
+    return chunk.appendToFile(error);
 }
 
 bool KROAudioFileWAVEContent::writeSamplerChunk(KROAudioFileChunk& chunk, KROErrorPtr* error) {

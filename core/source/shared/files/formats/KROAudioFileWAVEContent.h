@@ -71,6 +71,8 @@ private:
 
     // ---- Writing, one chunk each; false only when the file write fails.
     bool writeFormatChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
+    bool writeID3Chunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
+    bool writeIXMLChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
     bool writeBroadcastChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
     bool writeSamplerChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
     bool writeInstrumentChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
