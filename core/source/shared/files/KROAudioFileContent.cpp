@@ -228,8 +228,8 @@ bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64
     if (buffer.frames() == 0) {
         return true;
     }
-    buffer.clear();
     if (frame >= frames_) {
+        buffer.clear();
         return true;
     }
     const std::uint64_t count = std::min(buffer.frameCapacity(), frames_ - frame);
@@ -239,7 +239,12 @@ bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64
     const std::uint64_t bytesPerFrame = audioDataLengthOfFrames(1);
     // Cut to 32 bits, as the converter counts bytes.
     const auto byteCount = static_cast<std::uint32_t>(count * bytesPerFrame);
-    KROData scratch(byteCount, 0);
+    // Kept between calls, and grown only: a block read costs no allocation and
+    // no pass of zeros of its own.
+    thread_local KROData scratch;
+    if (scratch.size() < byteCount) {
+        scratch.resize(byteCount);
+    }
     {
         std::lock_guard guard(readLock_);
         if (!fileReader_) {
@@ -248,7 +253,7 @@ bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64
         if (!fileReader_->setPosition(audioDataPosition_ + frame * bytesPerFrame, error)) {
             return false;
         }
-        std::size_t length = scratch.size();
+        std::size_t length = byteCount;
         KROErrorPtr readError;
         // The end of the file before the end of the block leaves the rest of
         // the block silent; any other failure is the call's.
@@ -259,12 +264,14 @@ bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64
             }
             return false;
         }
+        std::fill(scratch.begin() + static_cast<std::ptrdiff_t>(length),
+                  scratch.begin() + byteCount, std::uint8_t{0});
         // Made under the lock, so that two first calls make one converter.
         if (!converter_ && !makeConverterForReading(error)) {
             return false;
         }
     }
-    return converter_->convertInput(scratch.data(), scratch.size(), buffer, error);
+    return converter_->convertInput(scratch.data(), byteCount, buffer, error);
 }
 
 // ---------------------------------------------------------------- writing
