@@ -184,8 +184,8 @@ TEST(KRODynamicsAudioProcessor, UpdateFromAHostThreadIsNeverTorn) {
 // initialisation with no error; slopes of 0, below 0 or not a number and
 // infinite thresholds give finite tables; an attack that is not a number keeps
 // the last good one, and a release of 0 is an infinite rate. NaN, infinite,
-// DC and full-scale square samples leave the gain finite, and rendering
-// allocates nothing.
+// DC and full-scale square samples leave the gain finite; rendering allocates
+// nothing.
 TEST(KRODynamicsAudioProcessor, BadSettingsAndSamplesLeaveTheGainFinite) {
     const std::tuple<double, std::uint32_t, std::uint64_t> engines[] = {
         {0.0, 2, 512}, {48000.0, 0, 512}, {48000.0, 2, 0}};
@@ -238,27 +238,13 @@ TEST(KRODynamicsAudioProcessor, BadSettingsAndSamplesLeaveTheGainFinite) {
     }
 }
 
-// Every key that settings writes is read back by setSettings; a value of the
-// wrong kind is ignored.
-TEST(KRODynamicsAudioProcessor, SettingsKeysReadBack) {
-    KROPropertyList settings;
-    double value = 0.0;
-    for (const char* key :
-         {"inputScalar", "outputScalar", "compressionThreshold", "expansionThreshold",
-          "compressionSlope", "expansionSlope", "attackTime", "releaseTime"}) {
-        settings.setObjectForKey(key, value += 0.25);
-    }
-    settings.setObjectForKey("enabled", false);
-    settings.setObjectForKey("compressionEnabled", true);
-    settings.setObjectForKey("expansionEnabled", true);
+// A setting of the wrong kind is ignored and the last good one kept.
+TEST(KRODynamicsAudioProcessor, SettingOfTheWrongKindIsIgnored) {
     auto dynamics = std::make_shared<Dynamics>();
+    KROPropertyList settings;
+    settings.setObjectForKey("attackTime", 1.75);
     ASSERT_TRUE(dynamics->init() && dynamics->setSettings(settings));
-    const KROPropertyList written = dynamics->settings();
-    for (const std::string& key : settings.allKeys()) {
-        EXPECT_EQ(*written.objectForKey(key), *settings.objectForKey(key)) << key;
-    }
-    KROPropertyList wrong;
-    wrong.setObjectForKey("attackTime", "fast");
-    ASSERT_TRUE(dynamics->setSettings(wrong));
+    settings.setObjectForKey("attackTime", "fast");
+    ASSERT_TRUE(dynamics->setSettings(settings));
     EXPECT_EQ(dynamics->attackTime(), 1.75);
 }

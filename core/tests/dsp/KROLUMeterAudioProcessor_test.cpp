@@ -105,8 +105,9 @@ TEST(KROLUMeterAudioProcessor, AgreesWithLibebur128OnTheTestSignals) {
     for (std::size_t i = 0; i < square.size(); ++i) {
         square[i] = (i * 997 / 24000) % 2 ? 1.0f : -1.0f;
     }
-    const std::vector<int> fiveChannels = {EBUR128_LEFT, EBUR128_RIGHT, EBUR128_CENTER,
-                                           EBUR128_LEFT_SURROUND, EBUR128_RIGHT_SURROUND};
+    const auto mono = [](std::initializer_list<std::pair<double, double>> pieces, double rate) {
+        return Channels{sequence(pieces, rate)};
+    };
     const struct {
         const char* what;
         double rate;
@@ -114,23 +115,21 @@ TEST(KROLUMeterAudioProcessor, AgreesWithLibebur128OnTheTestSignals) {
         std::vector<int> map;
         double integrated;
     } cases[] = {
-        {"-23 dBFS", 48000, {sequence({{-23, 20}}, 48000)}, {}, -23.0},
-        {"-33 dBFS", 48000, {sequence({{-33, 20}}, 48000)}, {}, -33.0},
-        {"-72, -36, -23, -36, -72",
-         48000,
-         {sequence({{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, 48000)},
-         {},
-         -23.0},
-        {"-26, -20, -26", 48000, {sequence({{-26, 20}, {-20, 20.1}, {-26, 20}}, 48000)}, {}, -23.0},
-        {"five channels",
-         48000,
+        // clang-format off
+        {"-23 dBFS", 48000, mono({{-23, 20}}, 48000), {}, -23.0},
+        {"-33 dBFS", 48000, mono({{-33, 20}}, 48000), {}, -33.0},
+        {"-72, -36, -23, -36, -72", 48000,
+         mono({{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, 48000), {}, -23.0},
+        {"-26, -20, -26", 48000, mono({{-26, 20}, {-20, 20.1}, {-26, 20}}, 48000), {}, -23.0},
+        {"five channels", 48000,
          {sequence({{-28, 20}}, 48000), sequence({{-28, 20}}, 48000), sequence({{-24, 20}}, 48000),
           sequence({{-30, 20}}, 48000), sequence({{-30, 20}}, 48000)},
-         fiveChannels,
+         {EBUR128_LEFT, EBUR128_RIGHT, EBUR128_CENTER, EBUR128_LEFT_SURROUND, EBUR128_RIGHT_SURROUND},
          -23.0},
-        {"-23 dBFS at 44.1 kHz", 44100, {sequence({{-23, 20}}, 44100)}, {}, -23.0},
+        {"-23 dBFS at 44.1 kHz", 44100, mono({{-23, 20}}, 44100), {}, -23.0},
         {"full-scale square", 48000, {square}, {}, nan},
         {"DC", 48000, {dc}, {}, nan},
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -206,14 +205,16 @@ float measure(Chain&& meter, const Channels& channels) {
 // passes the gate.
 TEST(KROLUMeterAudioProcessor, SlotsFiltersAndSilence) {
     Chain stereo = meterOf(KROLUMeterMeasurementTypeMomentary, 2);
-    EXPECT_EQ(stereo.meterAs<Meter>()->preFilterCoefficients(),
-              (Meter::Coefficients{1.5351828863637502, -2.691804030199196, 1.198426263333146,
-                                   -1.6906995865986896, 0.7325047060963897}));
-    const Meter::Coefficients expected = {1.0000000000000073, -2.0000000000000147,
-                                          1.0000000000000073, -1.9900474548339653,
-                                          0.9900722503661955};
+    // clang-format off
+    EXPECT_EQ(stereo.meterAs<Meter>()->preFilterCoefficients(), (Meter::Coefficients{
+        1.5351828863637502, -2.691804030199196, 1.198426263333146, -1.6906995865986896,
+        0.7325047060963897}));
+    const Meter::Coefficients rlb = {
+        1.0000000000000073, -2.0000000000000147, 1.0000000000000073, -1.9900474548339653,
+        0.9900722503661955};
+    // clang-format on
     for (std::size_t i = 0; i < 5; ++i) {
-        EXPECT_NEAR(stereo.meterAs<Meter>()->rlbCoefficients()[i], expected[i], 1e-15) << i;
+        EXPECT_NEAR(stereo.meterAs<Meter>()->rlbCoefficients()[i], rlb[i], 1e-15) << i;
     }
     EXPECT_EQ(stereo.meterAs<Meter>()->level(), -96.0f);
     const Channels tone = {sequence({{-23, 2}}, 48000)};
@@ -226,15 +227,13 @@ TEST(KROLUMeterAudioProcessor, SlotsFiltersAndSilence) {
         std::function<void(Meter&)> route;
         float level;
     } cases[] = {
+        // clang-format off
         {"mono", 1, [](Meter&) {}, both - 3.0103f},
         {"mono to both slots", 1, [](Meter& m) { m.setRightChannelIndex(0); }, both},
         {"left to the centre too", 2, [](Meter& m) { m.setCenterChannelIndex(0); }, both + 1.7609f},
-        {"no channel", 2,
-         [](Meter& m) {
-             m.setLeftChannelIndex(-1);
-             m.setRightChannelIndex(7);
-         },
+        {"no channel", 2, [](Meter& m) { m.setLeftChannelIndex(-1); m.setRightChannelIndex(7); },
          -73.0f},
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

@@ -139,53 +139,23 @@ TEST(KROAudioFileWAVEContent, MetadataRoundTrips) {
         history += "A=PCM,F=48000,W=24,M=mono,T=KROCore\r\n";
     }
     history.resize(300);
+    // clang-format off
     KROPropertyList written = KROPropertyList::Dictionary{
-        {"description", "Take 12, room mic"},
-        {"originator", "KROCore"},
-        {"originatorReference", "REF-0042"},
-        {"originationDate", utcDate(2024, 3, 5)},
-        {"originationTime", utcDate(2000, 1, 1, 13, 14, 15)},
-        {"timeReference", 2.5},
-        {"smpteUMID", umid},
-        {"codingHistory", history},
-        {"baseNote", 60},
-        {"detune", -12},
-        {"gain", -6},
-        {"lowNote", 36},
-        {"highNote", 96},
-        {"lowVelocity", 1},
-        {"highVelocity", 127},
-        {"musicalKey", "F#"},
-        {"tempo", 98.5},
-        {"meterNumerator", 7},
-        {"meterDenominator", 8},
-        {"beats", 14},
-        {"playbackType", "loop"},
-        {"creationDate", utcDate(2023, 11, 22, 10, 20, 30)},
-        {"isrc", "GBAYE2400001"},
-    };
-    for (const char* key : {"name",
-                            "genre",
-                            "keywords",
-                            "author",
-                            "originalArtist",
-                            "originalMedium",
-                            "originalDimensions",
-                            "digitizationSource",
-                            "commissionedBy",
-                            "sourceSupplier",
-                            "engineers",
-                            "digitizer",
-                            "cropped",
-                            "archivalLocation",
-                            "product",
-                            "copyright",
-                            "softwarePackage",
-                            "comments",
-                            "annotation",
-                            "subject"}) {
+        {"description", "Take 12, room mic"}, {"originator", "KROCore"},
+        {"originatorReference", "REF-0042"}, {"originationDate", utcDate(2024, 3, 5)},
+        {"originationTime", utcDate(2000, 1, 1, 13, 14, 15)}, {"timeReference", 2.5},
+        {"smpteUMID", umid}, {"codingHistory", history}, {"baseNote", 60}, {"detune", -12},
+        {"gain", -6}, {"lowNote", 36}, {"highNote", 96}, {"lowVelocity", 1},
+        {"highVelocity", 127}, {"musicalKey", "F#"}, {"tempo", 98.5}, {"meterNumerator", 7},
+        {"meterDenominator", 8}, {"beats", 14}, {"playbackType", "loop"},
+        {"creationDate", utcDate(2023, 11, 22, 10, 20, 30)}, {"isrc", "GBAYE2400001"}};
+    for (const char* key : {"name", "genre", "keywords", "author", "originalArtist",
+             "originalMedium", "originalDimensions", "digitizationSource", "commissionedBy",
+             "sourceSupplier", "engineers", "digitizer", "cropped", "archivalLocation", "product",
+             "copyright", "softwarePackage", "comments", "annotation", "subject"}) {
         written.setObjectForKey(key, std::string("the ") + key);
     }
+    // clang-format on
     KROAudioFileWAVEContent consumer;
     consumer.setWritingDirectory(directory.path());
     consumer.setSampleRate(48000);
@@ -258,22 +228,12 @@ TEST(KROAudioFileWAVEContent, ChunksOfOtherWritersAreReadButNotWritten) {
     strc.le32(28).le32(2).le32(65).le32(5).le32(1).le32(0).le32(0);
     strc.le32(2).le32(0).le32(100).le32(0).le32(0).fill(12);
     strc.le32(0).le32(0).le32(200).le32(0).le32(200).fill(12);
-    KROTestBytes file;
-    file.text("RIFF").le32(0).text("WAVE");
-    file.text("fmt ").le32(16).le(1, 2).le(1, 2).le32(8000).le32(16000).le(2, 2).le(16, 2);
-    file.text("data").le32(4).fill(4);
-    for (const auto& [type, body] : {std::pair{"cue ", cue.data()},
-                                     {"LIST", adtl.data()},
-                                     {"regn", regn.data()},
-                                     {"bext", bext.data()},
-                                     {"cart", cartBytes},
-                                     {"smpl", smpl.data()},
-                                     {"strc", strc.data()}}) {
-        file.text(type).le32(body.size()).bytes(body).fill(body.size() % 2);
-    }
-    KROData bytes = file.data();
-    bytes[4] = static_cast<std::uint8_t>(bytes.size() - 8), bytes[5] = (bytes.size() - 8) >> 8;
-    KROWriteTestFile(directory / "foreign.wav", bytes);
+    KROWriteTestFile(
+        directory / "foreign.wav",
+        riffWAVE({formatChunk(), wavChunk("data", KROData(4)), wavChunk("cue ", cue.data()),
+                  wavChunk("LIST", adtl.data()), wavChunk("regn", regn.data()),
+                  wavChunk("bext", bext.data()), wavChunk("cart", cartBytes),
+                  wavChunk("smpl", smpl.data()), wavChunk("strc", strc.data())}));
 
     const auto content = parsedWAVE(directory / "foreign.wav");
     ASSERT_TRUE(content);
@@ -304,67 +264,29 @@ TEST(KROAudioFileWAVEContent, ChunksOfOtherWritersAreReadButNotWritten) {
 // read with what could be read, whatever the counts claim.
 TEST(KROAudioFileWAVEContent, DamagedFilesFailWithTheirCodesOrReadWhatTheyHold) {
     KROTemporaryDirectory directory;
-    const auto format = [](std::uint16_t tag, std::uint16_t channels) {
-        return KROTestBytes()
-            .text("fmt ")
-            .le32(16)
-            .le(tag, 2)
-            .le(channels, 2)
-            .le32(8000)
-            .le32(16000)
-            .le(2, 2)
-            .le(16, 2)
-            .data();
-    };
-    const auto riff = [](const KROData& chunks) {
-        return KROTestBytes()
-            .text("RIFF")
-            .le32(chunks.size() + 4)
-            .text("WAVE")
-            .bytes(chunks)
-            .data();
-    };
-    const KROData data = KROTestBytes().text("data").le32(8).fill(8).data();
-    const auto join = [](std::initializer_list<KROData> parts) {
-        KROTestBytes bytes;
-        for (const KROData& part : parts) {
-            bytes.bytes(part);
-        }
-        return bytes.data();
-    };
-    const KROData lyingCue =
-        KROTestBytes().text("cue ").le32(28).le32(0x7FFFFFFF).le32(1).fill(20).data();
-    const KROData lyingLoops =
-        KROTestBytes().text("smpl").le32(60).fill(28).le32(0x7FFFFFFF).fill(28).data();
-    const KROData lyingSlices =
-        KROTestBytes().text("strc").le32(28).le32(28).le32(0xFFFFFFFF).fill(20).data();
-    const KROData lyingRegions = KROTestBytes().text("regn").le32(8).le(~0ull, 8).data();
-    const KROData lyingList = KROTestBytes()
-                                  .text("LIST")
-                                  .le32(20)
-                                  .text("INFO")
-                                  .text("INAM")
-                                  .le32(0xFFFFFFF0)
-                                  .text("ab")
-                                  .fill(2)
-                                  .data();
+    const KROData data = wavChunk("data", KROData(8));
+    KROTestBytes cue, loops, slices, regions, list;
+    cue.text("cue ").le32(28).le32(0x7FFFFFFF).le32(1).fill(20);
+    loops.text("smpl").le32(60).fill(28).le32(0x7FFFFFFF).fill(28);
+    slices.text("strc").le32(28).le32(28).le32(0xFFFFFFFF).fill(20);
+    regions.text("regn").le32(8).le(~0ull, 8);
+    list.text("LIST").le32(20).text("INFOINAM").le32(0xFFFFFFF0).text("ab").fill(2);
     const struct {
         const char* what;
         KROData bytes;
         std::int64_t code;
         std::size_t labels;
     } cases[] = {
-        {"no format chunk", riff(KROTestBytes().text("abcd").le32(4).fill(4).data()), 1, 0},
-        {"ADPCM", riff(join({format(2, 1), data})), 2, 0},
-        {"no data chunk", riff(format(1, 1)), 3, 0},
-        {"a data size of 0", riff(join({format(1, 1), KROTestBytes().text("data").le32(0).data()})),
-         3, 0},
+        {"no format chunk", riffWAVE({wavChunk("abcd", KROData(4))}), 1, 0},
+        {"ADPCM", riffWAVE({formatChunk(2), data}), 2, 0},
+        {"no data chunk", riffWAVE({formatChunk()}), 3, 0},
+        {"a data size of 0", riffWAVE({formatChunk(), wavChunk("data", {})}), 3, 0},
         {"data cut short by 8 bytes",
-         riff(join({format(1, 1), KROTestBytes().text("data").le32(16).fill(8).data()})), 3, 0},
-        {"no channels", riff(join({format(1, 0), data})), 5, 0},
+         riffWAVE({formatChunk(), KROTestBytes().text("data").le32(16).fill(8).data()}), 3, 0},
+        {"no channels", riffWAVE({formatChunk(1, 0), data}), 5, 0},
         {"counts and sizes that lie",
-         riff(join(
-             {format(1, 1), data, lyingCue, lyingLoops, lyingSlices, lyingRegions, lyingList})),
+         riffWAVE({formatChunk(), data, cue.data(), loops.data(), slices.data(), regions.data(),
+                   list.data()}),
          0, 2},
     };
     for (const auto& c : cases) {

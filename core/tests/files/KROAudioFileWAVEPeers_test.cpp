@@ -22,26 +22,16 @@ void writeLabelledFile(const fs::path& path) {
         content.labels() = {testLabel("marker", 0.01, 0, {{"name", "Start"}}),
                             testLabel("region", 0.02, 0.03, {{"name", "Intro"}}),
                             testLabel("loop", 0.04, 0.02, {{"loopType", "forwardBackward"}})};
+        // clang-format off
         content.metadata() = KROPropertyList::Dictionary{
-            {"description", "Room tone"},
-            {"originator", "KROCore"},
-            {"originatorReference", "KRO-0001"},
-            {"originationDate", utcDate(2024, 3, 5)},
-            {"originationTime", utcDate(2000, 1, 1, 13, 14, 15)},
-            {"timeReference", 1.5},
-            {"codingHistory", "A=PCM,F=48000,W=24,M=stereo\r\n"},
-            {"baseNote", 60},
-            {"gain", 3},
-            {"lowNote", 10},
-            {"highNote", 100},
-            {"lowVelocity", 5},
-            {"highVelocity", 120},
-            {"name", "The take"},
-            {"originalArtist", "The band"},
-            {"comments", "Quiet room"},
-            {"copyright", "2024 KROCore"},
-            {"genre", "Ambient"},
-        };
+            {"description", "Room tone"}, {"originator", "KROCore"},
+            {"originatorReference", "KRO-0001"}, {"originationDate", utcDate(2024, 3, 5)},
+            {"originationTime", utcDate(2000, 1, 1, 13, 14, 15)}, {"timeReference", 1.5},
+            {"codingHistory", "A=PCM,F=48000,W=24,M=stereo\r\n"}, {"baseNote", 60}, {"gain", 3},
+            {"lowNote", 10}, {"highNote", 100}, {"lowVelocity", 5}, {"highVelocity", 120},
+            {"name", "The take"}, {"originalArtist", "The band"}, {"comments", "Quiet room"},
+            {"copyright", "2024 KROCore"}, {"genre", "Ambient"}};
+        // clang-format on
     });
 }
 
@@ -55,6 +45,12 @@ std::string peer(const std::string& command) {
     const KROCommandResult result = KRORunCommand(command);
     EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
     return result.output;
+}
+
+std::string ffprobe(const fs::path& path) {
+    return peer("ffprobe -v error -show_entries stream=codec_name,duration_ts:format_tags "
+                "-of default=noprint_wrappers=1 " +
+                path.string());
 }
 
 void expectLines(const std::string& output, const std::vector<std::string>& lines) {
@@ -132,9 +128,7 @@ TEST(KROAudioFileWAVEContent, SndfileInfoSoxiAndFfprobeAgree) {
                  "Cue ID :  3  Pos :   960", "labl : 2 : Start", "labl : 3 : Intro", "ltxt : 20",
                  "INAM : The take", "ICMT : Quiet room", "inst : 7", "Frames      : 4800",
                  "Channels    : 2"});
-    expectLines(peer("ffprobe -v error -show_entries stream=codec_name,duration_ts:format_tags "
-                     "-of default=noprint_wrappers=1 " +
-                     path.string()),
+    expectLines(ffprobe(path),
                 {"codec_name=pcm_s24le", "duration_ts=4800", "TAG:title=The take",
                  "TAG:artist=The band", "TAG:copyright=2024 KROCore", "TAG:genre=Ambient",
                  "TAG:encoded_by=KROCore", "TAG:originator_reference=KRO-0001",
@@ -161,15 +155,12 @@ TEST(KROAudioFileWAVEContent, SndfileInfoSoxiAndFfprobeAgree) {
             content.setIsFloatingPoint(f.isFloat);
             content.metadata().setObjectForKey("name", f.codec);
         });
-        EXPECT_EQ(peer("soxi -e " + path.string()), std::string(f.soxEncoding) + "\n");
-        EXPECT_EQ(peer("soxi -b " + path.string()), std::to_string(f.bitDepth) + "\n");
-        EXPECT_EQ(peer("soxi -s " + path.string()), "1001\n");
-        EXPECT_EQ(peer("soxi -c " + path.string()), "3\n");
-        expectLines(peer("ffprobe -v error -show_entries stream=codec_name,duration_ts:format_tags "
-                         "-of default=noprint_wrappers=1 " +
-                         path.string()),
-                    {std::string("codec_name=") + f.codec, "duration_ts=1001",
-                     std::string("TAG:title=") + f.codec});
+        const std::string file = " " + path.string();
+        EXPECT_EQ(peer("soxi -e" + file + " && soxi -b" + file + " && soxi -s" + file +
+                       " && soxi -c" + file),
+                  std::string(f.soxEncoding) + "\n" + std::to_string(f.bitDepth) + "\n1001\n3\n");
+        expectLines(ffprobe(path), {std::string("codec_name=") + f.codec, "duration_ts=1001",
+                                    std::string("TAG:title=") + f.codec});
     }
 }
 
@@ -192,17 +183,13 @@ TEST(KROAudioFileWAVEContent, FilesOfFfmpegAndSoxReadHere) {
     ASSERT_TRUE(content);
     EXPECT_EQ(content->frames(), 4800u);
     EXPECT_EQ(samplesOf(*allAudio(*content)), libsndfileSamples(bwf));
+    // clang-format off
     expectMetadata(*content, KROPropertyList::Dictionary{
-                                 {"description", "From ffmpeg"},
-                                 {"originator", "ffmpeg"},
-                                 {"originatorReference", "FF-7"},
-                                 {"originationDate", utcDate(2024, 1, 2)},
-                                 {"originationTime", utcDate(2000, 1, 1, 3, 4, 5)},
-                                 {"timeReference", 2.0},
-                                 {"name", "ff title"},
-                                 {"originalArtist", "ff artist"},
-                                 {"comments", "ff note"},
-                             });
+        {"description", "From ffmpeg"}, {"originator", "ffmpeg"}, {"originatorReference", "FF-7"},
+        {"originationDate", utcDate(2024, 1, 2)}, {"originationTime", utcDate(2000, 1, 1, 3, 4, 5)},
+        {"timeReference", 2.0}, {"name", "ff title"}, {"originalArtist", "ff artist"},
+        {"comments", "ff note"}});
+    // clang-format on
     const KROPropertyList* history = content->metadata().objectForKey("codingHistory");
     ASSERT_TRUE(history && history->stringValue());
     EXPECT_EQ(history->stringValue()->rfind("A=PCM", 0), 0u);
@@ -212,14 +199,14 @@ TEST(KROAudioFileWAVEContent, FilesOfFfmpegAndSoxReadHere) {
         std::int64_t code;
         bool isFloat;
     } others[] = {
-        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_mulaw", 0,
-         false},
-        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_f64le", 0,
-         false},
+        // clang-format off
+        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_mulaw", 0, false},
+        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_f64le", 0, false},
         {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_alaw", 2, false},
         {"sox -n -r 8000 -c 3 -e u-law", 0, false},
         {"sox -n -r 8000 -c 2 -e floating-point -b 64", 0, true},
         {"sox -n -r 8000 -c 1 -e floating-point -b 32", 0, true},
+        // clang-format on
     };
     for (const auto& [command, code, isFloat] : others) {
         SCOPED_TRACE(command);
@@ -245,10 +232,7 @@ TEST(KROAudioFileWAVEContent, FilesOfFfmpegAndSoxReadHere) {
 TEST(KROAudioFileWAVEContent, LibsndfileLabelsAndMetadataReadHere) {
     KROTemporaryDirectory directory;
     const fs::path path = directory / "libsndfile.wav";
-    SF_INFO info{};
-    info.samplerate = 44100;
-    info.channels = 1;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SF_INFO info{0, 44100, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     ASSERT_TRUE(file);
     SF_CUES cues{};
@@ -287,16 +271,13 @@ TEST(KROAudioFileWAVEContent, LibsndfileLabelsAndMetadataReadHere) {
     EXPECT_EQ(labelTexts(*content, 44100),
               (std::vector<std::string>{"marker 441+0 id=1", "marker 882+0 id=2",
                                         "loop 100+199 loopType=backward loopPhase=sustain"}));
+    // clang-format off
     expectMetadata(*content, KROPropertyList::Dictionary{
-                                 {"description", "From libsndfile"},
-                                 {"originator", "libsndfile"},
-                                 {"originationDate", utcDate(2023, 6, 7)},
-                                 {"originationTime", utcDate(2000, 1, 1, 8, 9, 10)},
-                                 {"timeReference", 3.0},
-                                 {"title", "Cart title"},
-                                 {"artist", "Cart artist"},
-                                 {"name", "Titled"},
-                             });
+        {"description", "From libsndfile"}, {"originator", "libsndfile"},
+        {"originationDate", utcDate(2023, 6, 7)}, {"originationTime", utcDate(2000, 1, 1, 8, 9, 10)},
+        {"timeReference", 3.0}, {"title", "Cart title"}, {"artist", "Cart artist"},
+        {"name", "Titled"}});
+    // clang-format on
     // 8192 of 32768 at 16 bits: a quarter of full scale.
     EXPECT_NEAR(content->metadata().objectForKey("levelReference")->doubleValue(), -12.0412, 1e-4);
 }

@@ -121,6 +121,27 @@ inline void writeWAVE(const std::filesystem::path& path, const KROAudioBufferLis
     std::filesystem::rename(content.URL(), path);
 }
 
+// A chunk: type, size, body and the pad byte after an odd body.
+inline KROData wavChunk(const char* type, const KROData& body) {
+    return KROTestBytes().text(type).le32(body.size()).bytes(body).fill(body.size() % 2).data();
+}
+
+// A 'fmt ' chunk of 16-bit samples at 8 kHz.
+inline KROData formatChunk(std::uint16_t tag = 1, std::uint16_t channels = 1) {
+    KROTestBytes body;
+    body.le(tag, 2).le(channels, 2).le32(8000).le32(16000).le(2, 2).le(16, 2);
+    return wavChunk("fmt ", body.data());
+}
+
+// A RIFF WAVE file of the chunks, its size counting them all.
+inline KROData riffWAVE(std::initializer_list<KROData> chunks) {
+    KROTestBytes body;
+    for (const KROData& chunk : chunks) {
+        body.bytes(chunk);
+    }
+    return KROTestBytes().text("RIFF").le32(body.size() + 4).text("WAVE").bytes(body.data()).data();
+}
+
 // A ramp through the whole range, different in each channel.
 inline std::shared_ptr<KROAudioBufferList> rampBuffer(std::uint32_t channels, std::uint64_t frames,
                                                       float step) {

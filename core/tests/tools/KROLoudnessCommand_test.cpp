@@ -38,10 +38,7 @@ std::filesystem::path writeFile(const std::string& name, const std::vector<float
                                 int rate) {
     const auto path =
         std::filesystem::path(KRO_TEST_BINARY_DIR) / (std::to_string(::getpid()) + "-" + name);
-    SF_INFO info{};
-    info.samplerate = rate;
-    info.channels = 2;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    SF_INFO info{0, rate, 2, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     EXPECT_NE(file, nullptr);
     sf_writef_float(file, interleaved.data(), sf_count_t(interleaved.size() / 2));
@@ -102,14 +99,15 @@ TEST(KROLoudnessCommand, FiguresAgreeWithLibebur128) {
         double integrated;
         double range;
     } cases[] = {
+        // clang-format off
         {"-23 dBFS", stereoSine({{-23, 20}}, 48000), -23.0, 0.0},
         {"-72, -36, -23, -36, -72",
          stereoSine({{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, 48000), -23.0, NAN},
         {"range 10", stereoSine({{-20, 20}, {-30, 20}}, 48000), NAN, 10.0},
         {"range 5", stereoSine({{-20, 20}, {-15, 20}}, 48000), NAN, 5.0},
         {"range 20", stereoSine({{-40, 20}, {-20, 20}}, 48000), NAN, 20.0},
-        {"range 15", stereoSine({{-50, 20}, {-35, 20}, {-20, 20}, {-35, 20}, {-50, 20}}, 48000),
-         NAN, 15.0},
+        {"range 15", stereoSine({{-50, 20}, {-35, 20}, {-20, 20}, {-35, 20}, {-50, 20}}, 48000), NAN, 15.0},
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
