@@ -27,10 +27,10 @@ constexpr std::size_t kFramesKept = 256;
 
 // An engine of two channels that keeps every frame it gives out.
 struct Engine {
-    explicit Engine(double rate = kRate, int frame = kFrame) : frameLength(frame) {
-        EXPECT_EQ(kx_dsp_gdp__create(rate, 2, frame, kTaps, 97, &context), 0);
+    Engine() {
+        EXPECT_EQ(kx_dsp_gdp__create(kRate, 2, kFrame, kTaps, 97, &context), 0);
         kx_dsp_gdp__set_output_destination(context, &Engine::receive, this);
-        frames.resize(kFramesKept, {0, std::vector<float>(std::size_t(frame))});
+        frames.resize(kFramesKept, {0, std::vector<float>(kFrame)});
     }
     ~Engine() { kx_dsp_gdp__destroy(context); }
 
@@ -66,7 +66,6 @@ struct Engine {
     }
 
     kx_dsp_gdp_t* context = nullptr;
-    int frameLength;
     std::vector<Frame> frames;
     std::size_t received = 0;
 };

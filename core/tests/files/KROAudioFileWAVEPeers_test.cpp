@@ -61,8 +61,9 @@ void expectLines(const std::string& output, const std::vector<std::string>& line
 
 } // namespace
 
-// libsndfile's own commands see the cue points, loop, base note, broadcast
-// fields and INFO texts written here.
+// libsndfile sees the loop, base note and broadcast fields written here;
+// cue points, INFO texts and the other broadcast fields are checked with
+// sndfile-info and ffprobe below.
 TEST(KROAudioFileWAVEContent, LibsndfileReadsOurLabelsAndMetadata) {
     KROTemporaryDirectory directory;
     const fs::path path = directory / "ours.wav";
@@ -71,17 +72,6 @@ TEST(KROAudioFileWAVEContent, LibsndfileReadsOurLabelsAndMetadata) {
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
     ASSERT_TRUE(file) << sf_strerror(nullptr);
     EXPECT_EQ(info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
-    EXPECT_EQ(info.frames, 4800);
-    EXPECT_EQ(info.channels, 2);
-
-    SF_CUES cues{};
-    ASSERT_EQ(sf_command(file, SFC_GET_CUE, &cues, sizeof cues), SF_TRUE);
-    ASSERT_EQ(cues.cue_count, 2u);
-    // Cue identifiers go on after the loop's 1.
-    EXPECT_EQ(cues.cue_points[0].indx, 2);
-    EXPECT_EQ(cues.cue_points[0].position, 480u);
-    EXPECT_EQ(cues.cue_points[1].indx, 3);
-    EXPECT_EQ(cues.cue_points[1].sample_offset, 960u);
 
     SF_INSTRUMENT instrument{};
     ASSERT_EQ(sf_command(file, SFC_GET_INSTRUMENT, &instrument, sizeof instrument), SF_TRUE);
@@ -95,23 +85,8 @@ TEST(KROAudioFileWAVEContent, LibsndfileReadsOurLabelsAndMetadata) {
     SF_BROADCAST_INFO broadcast{};
     ASSERT_EQ(sf_command(file, SFC_GET_BROADCAST_INFO, &broadcast, sizeof broadcast), SF_TRUE);
     EXPECT_EQ(text(broadcast.description, 256), "Room tone");
-    EXPECT_EQ(text(broadcast.originator, 32), "KROCore");
-    EXPECT_EQ(text(broadcast.originator_reference, 32), "KRO-0001");
-    EXPECT_EQ(text(broadcast.origination_date, 10), "2024-03-05");
-    EXPECT_EQ(text(broadcast.origination_time, 8), "13:14:15");
-    EXPECT_EQ(broadcast.time_reference_low, 72000u);
     EXPECT_EQ(broadcast.version, 0);
     EXPECT_EQ(text(broadcast.coding_history, 256), "A=PCM,F=48000,W=24,M=stereo\r\n");
-
-    const std::pair<int, const char*> strings[] = {
-        {SF_STR_TITLE, "The take"},     {SF_STR_ARTIST, "The band"},
-        {SF_STR_COMMENT, "Quiet room"}, {SF_STR_COPYRIGHT, "2024 KROCore"},
-        {SF_STR_GENRE, "Ambient"},
-    };
-    for (const auto& [kind, expected] : strings) {
-        const char* found = sf_get_string(file, kind);
-        EXPECT_STREQ(found ? found : "", expected);
-    }
     sf_close(file);
     EXPECT_EQ(samplesOf(*allAudio(*parsedWAVE(path))), libsndfileSamples(path));
 }

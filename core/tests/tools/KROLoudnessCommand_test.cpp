@@ -5,7 +5,6 @@
 
 #include <ebur128.h>
 #include <sndfile.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
@@ -14,6 +13,7 @@
 #include <regex>
 #include <vector>
 
+#include "../util/KROScratchDirectory.h"
 #include "KROTestCommand.h"
 
 namespace {
@@ -34,10 +34,9 @@ std::vector<float> stereoSine(std::initializer_list<std::pair<double, double>> p
     return interleaved;
 }
 
-std::filesystem::path writeFile(const std::string& name, const std::vector<float>& interleaved,
-                                int rate) {
-    const auto path =
-        std::filesystem::path(KRO_TEST_BINARY_DIR) / (std::to_string(::getpid()) + "-" + name);
+// A stereo float WAVE file of the samples, written by libsndfile.
+std::filesystem::path writeFile(const std::filesystem::path& path,
+                                const std::vector<float>& interleaved, int rate) {
     SF_INFO info{0, rate, 2, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     EXPECT_NE(file, nullptr);
@@ -109,11 +108,11 @@ TEST(KROLoudnessCommand, FiguresAgreeWithLibebur128) {
         {"range 15", stereoSine({{-50, 20}, {-35, 20}, {-20, 20}, {-35, 20}, {-50, 20}}, 48000), NAN, 15.0},
         // clang-format on
     };
+    KROScratchDirectory directory;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const auto path = writeFile("loudness.wav", c.samples, 48000);
+        const auto path = writeFile(directory / "loudness.wav", c.samples, 48000);
         const KROCommandResult result = kro("loudness --json '" + path.string() + "'");
-        std::filesystem::remove(path);
         ASSERT_EQ(result.status, 0) << result.output;
         const auto ours = numbersOf(result.output);
         const auto theirs = libebur128(c.samples, 48000);
@@ -133,9 +132,10 @@ TEST(KROLoudnessCommand, FiguresAgreeWithLibebur128) {
 // programme as short as 4 s the first three gating blocks, read before their
 // window is full, take 0.2 LU off the integrated loudness.
 TEST(KROLoudnessCommand, TextAndFailures) {
-    const auto quiet = writeFile("quiet.wav", stereoSine({{-20, 4}}, 44100), 44100);
-    const auto silent = writeFile("silent.wav", std::vector<float>(88200), 44100);
-    const auto notAudio = std::filesystem::path(KRO_TEST_BINARY_DIR) / "not-audio.wav";
+    KROScratchDirectory directory;
+    const auto quiet = writeFile(directory / "quiet.wav", stereoSine({{-20, 4}}, 44100), 44100);
+    const auto silent = writeFile(directory / "silent.wav", std::vector<float>(88200), 44100);
+    const auto notAudio = directory / "not-audio.wav";
     std::ofstream(notAudio) << "not audio";
     const std::tuple<std::string, int, std::string> cases[] = {
         {"loudness '" + quiet.string() + "'", 0,
@@ -161,8 +161,5 @@ TEST(KROLoudnessCommand, TextAndFailures) {
         const KROCommandResult result = kro(arguments);
         EXPECT_EQ(result.status, status);
         EXPECT_EQ(result.output, output);
-    }
-    for (const auto& path : {quiet, silent, notAudio}) {
-        std::filesystem::remove(path);
     }
 }
