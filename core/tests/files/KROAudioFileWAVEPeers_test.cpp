@@ -91,9 +91,9 @@ TEST(KROAudioFileWAVEContent, LibsndfileReadsOurLabelsAndMetadata) {
     EXPECT_EQ(samplesOf(*allAudio(*parsedWAVE(path))), libsndfileSamples(path));
 }
 
-// sndfile-info, soxi and ffprobe see the same format, length, chunks,
-// broadcast fields and INFO texts, in every sample format.
-TEST(KROAudioFileWAVEContent, SndfileInfoSoxiAndFfprobeAgree) {
+// sndfile-info and ffprobe see the same format, length, chunks, broadcast
+// fields and INFO texts.
+TEST(KROAudioFileWAVEContent, SndfileInfoAndFfprobeAgree) {
     KROTemporaryDirectory directory;
     const fs::path path = directory / "ours.wav";
     writeLabelledFile(path);
@@ -108,34 +108,53 @@ TEST(KROAudioFileWAVEContent, SndfileInfoSoxiAndFfprobeAgree) {
                  "TAG:artist=The band", "TAG:copyright=2024 KROCore", "TAG:genre=Ambient",
                  "TAG:encoded_by=KROCore", "TAG:originator_reference=KRO-0001",
                  "TAG:date=2024-03-05", "TAG:creation_time=13:14:15", "TAG:time_reference=72000"});
+}
 
+// Each sample format reads back as libsndfile reads it and writes back to the
+// same file byte for byte; soxi and ffprobe see its encoding, depth and
+// length. Mu-law is always 8 bits and floats always 32.
+TEST(KROAudioFileWAVEContent, EverySampleFormatRoundTripsAsPeersReadIt) {
+    KROTemporaryDirectory directory;
+    const fs::path path = directory / "first.wav";
     const struct {
         const char* encoding;
-        std::uint64_t bitDepth;
+        std::uint64_t askedDepth;
         bool isFloat;
+        std::uint64_t bitDepth;
         const char* soxEncoding;
         const char* codec;
-    } formats[] = {
-        {"lpcm", 8, false, "Unsigned Integer PCM", "pcm_u8"},
-        {"lpcm", 16, false, "Signed Integer PCM", "pcm_s16le"},
-        {"lpcm", 32, false, "Signed Integer PCM", "pcm_s32le"},
-        {"lpcm", 32, true, "Floating Point PCM", "pcm_f32le"},
-        {"ulaw", 8, false, "u-law", "pcm_mulaw"},
+    } cases[] = {
+        {"lpcm", 8, false, 8, "Unsigned Integer PCM", "pcm_u8"},
+        {"lpcm", 16, false, 16, "Signed Integer PCM", "pcm_s16le"},
+        {"lpcm", 24, false, 24, "Signed Integer PCM", "pcm_s24le"},
+        {"lpcm", 32, false, 32, "Signed Integer PCM", "pcm_s32le"},
+        {"lpcm", 64, true, 32, "Floating Point PCM", "pcm_f32le"},
+        {"ulaw", 16, false, 8, "u-law", "pcm_mulaw"},
     };
-    for (const auto& f : formats) {
-        SCOPED_TRACE(f.codec);
-        writeWAVE(path, *rampBuffer(3, 1001, 1.0f / 128), [&](KROAudioFileWAVEContent& content) {
-            content.setEncoding(kro::fourCC(f.encoding));
-            content.setBitDepth(f.bitDepth);
-            content.setIsFloatingPoint(f.isFloat);
-            content.metadata().setObjectForKey("name", f.codec);
-        });
-        const std::string file = " " + path.string();
-        EXPECT_EQ(peer("soxi -e" + file + " && soxi -b" + file + " && soxi -s" + file +
-                       " && soxi -c" + file),
-                  std::string(f.soxEncoding) + "\n" + std::to_string(f.bitDepth) + "\n1001\n3\n");
-        expectLines(ffprobe(path), {std::string("codec_name=") + f.codec, "duration_ts=1001",
-                                    std::string("TAG:title=") + f.codec});
+    const auto ramp = rampBuffer(3, 1001, 1.0f / 151);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.codec);
+        const auto setUp = [&](KROAudioFileWAVEContent& content) {
+            content.setEncoding(kro::fourCC(c.encoding));
+            content.setBitDepth(c.askedDepth);
+            content.setIsFloatingPoint(c.isFloat);
+        };
+        writeWAVE(path, *ramp, setUp);
+        const std::string file = path.string();
+        EXPECT_EQ(peer("soxi -e " + file + " && soxi -b " + file + " && soxi -s " + file +
+                       " && soxi -c " + file),
+                  std::string(c.soxEncoding) + "\n" + std::to_string(c.bitDepth) + "\n1001\n3\n");
+        expectLines(ffprobe(path), {std::string("codec_name=") + c.codec, "duration_ts=1001"});
+
+        const auto read = parsedWAVE(path);
+        ASSERT_TRUE(read);
+        EXPECT_EQ(read->bitDepth(), c.bitDepth);
+        EXPECT_EQ(read->isFloatingPoint(), c.isFloat);
+        EXPECT_EQ(read->encoding(), kro::fourCC(c.encoding));
+        const auto samples = allAudio(*read);
+        EXPECT_EQ(samplesOf(*samples), libsndfileSamples(path));
+        writeWAVE(directory / "second.wav", *samples, setUp);
+        EXPECT_EQ(KROReadTestFile(directory / "second.wav"), KROReadTestFile(path));
     }
 }
 
@@ -186,9 +205,10 @@ TEST(KROAudioFileWAVEContent, FilesOfFfmpegAndSoxReadHere) {
     for (const auto& [command, code, isFloat] : others) {
         SCOPED_TRACE(command);
         const fs::path path = directory / "other.wav";
+        const std::string file = path.string();
         const std::string tail = std::string(command).starts_with("sox")
-                                     ? " " + path.string() + " synth 0.05 sine 300 vol 0.5"
-                                     : " -y " + path.string();
+                                     ? " " + file + " synth 0.05 sine 300 vol 0.5"
+                                     : " -y " + file;
         peer(command + tail);
         KROErrorPtr error;
         const auto other = parsedWAVE(path, &error);
