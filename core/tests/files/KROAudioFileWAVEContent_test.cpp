@@ -3,6 +3,8 @@
 // and damaged files. Sample formats are checked beside peers.
 #include <gtest/gtest.h>
 
+#include <numeric>
+
 #include "KROAudioTestSupport.h"
 #include "KROStringHelpers.h"
 
@@ -40,9 +42,8 @@ TEST(KROAudioFileWAVEContent, PlainSamplesGiveHeaderFormatAndData) {
     }
 }
 
-// Markers, regions, loops and slices come back where they were, regions
-// after all markers, markers with the identifiers of their cue points,
-// which go on from those of the loops.
+// Labels come back in place, regions after markers, and cue identifiers go on
+// from those of the loops.
 TEST(KROAudioFileWAVEContent, LabelsRoundTrip) {
     KROTemporaryDirectory directory;
     const auto buffer = KROAudioBufferList::bufferListWithChannels(1, 480);
@@ -78,15 +79,12 @@ TEST(KROAudioFileWAVEContent, LabelsRoundTrip) {
     EXPECT_EQ(content->metadata().objectForKey("tempo")->doubleValue(), 120.0);
 }
 
-// Every metadata key of the chunks written here reads back; writing consumes
-// what it wrote, all but the identifier. A coding history is written whole
-// and read back cut to 256 bytes.
+// Every metadata key written reads back; writing consumes all but the
+// identifier; a coding history is read back cut to 256 bytes.
 TEST(KROAudioFileWAVEContent, MetadataRoundTrips) {
     KROTemporaryDirectory directory;
     KROData umid(64);
-    for (std::size_t i = 0; i < umid.size(); ++i) {
-        umid[i] = static_cast<std::uint8_t>(i * 3 + 1);
-    }
+    std::iota(umid.begin(), umid.end(), std::uint8_t(1));
     std::string history;
     while (history.size() < 300) {
         history += "A=PCM,F=48000,W=24,M=mono,T=KROCore\r\n";
@@ -152,11 +150,8 @@ TEST(KROAudioFileWAVEContent, KeptQuirksOfTempoAndBroadcastChunks) {
     EXPECT_EQ(*content->metadata().objectForKey("playbackType")->stringValue(), "oneShot");
 }
 
-// Chunks that only other writers make are read: a region list, a cart chunk,
-// a cue point at frame 0 found through its sample offset, more points than
-// the count says, a region text of length 0, loops of unknown type, and a
-// broadcast chunk of version 2, whose UMID is not taken. Writing them back
-// makes neither a cart nor a region-list chunk.
+// Chunks only other writers make are read (region list, cart, odd cue points
+// and loops, bext v2 without its UMID) but cart and regn are not written back.
 TEST(KROAudioFileWAVEContent, ChunksOfOtherWritersAreReadButNotWritten) {
     KROTemporaryDirectory directory;
     KROTestBytes cue;

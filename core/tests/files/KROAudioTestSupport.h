@@ -4,8 +4,8 @@
 
 #include <sndfile.h>
 
+#include <chrono>
 #include <cmath>
-#include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,15 +14,11 @@
 #include "KROAudioFileWAVEContent.h"
 #include "KROFileTestSupport.h"
 
-inline KRODate utcDate(int year, int month, int day, int hour = 0, int minute = 0, int second = 0) {
-    std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
-    return std::chrono::system_clock::from_time_t(::timegm(&parts));
+inline KRODate utcDate(int year, unsigned month, unsigned day, int hour = 0, int minute = 0,
+                       int second = 0) {
+    using namespace std::chrono;
+    return sys_days{std::chrono::year(year) / month / day} + hours(hour) + minutes(minute) +
+           seconds(second);
 }
 
 // A label with text items: testLabel("marker", 0.5, 0, {{"name", "Verse"}}).

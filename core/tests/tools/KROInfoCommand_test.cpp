@@ -1,6 +1,5 @@
-// `kro info` as a user runs it: the format, length, labels and metadata of a
-// file as text and as JSON that python reads, and a clear message with exit
-// code 1 for a file that is missing or that nothing reads.
+// `kro info`: format, length, labels and metadata as text and as JSON that
+// python reads; a clear message and exit code 1 for a file nothing reads.
 #include <gtest/gtest.h>
 
 #include "../files/KROAudioTestSupport.h"

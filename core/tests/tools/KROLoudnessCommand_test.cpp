@@ -1,6 +1,5 @@
-// `kro loudness` as a user runs it, on files of the EBU loudness and loudness
-// range test signals written here: every figure beside libebur128's over the
-// same file, the text a person reads, and each way it fails.
+// `kro loudness` on the EBU test signals written here: every figure beside
+// libebur128's, the text a person reads, and each way it fails.
 #include <gtest/gtest.h>
 
 #include <ebur128.h>
@@ -88,9 +87,7 @@ KROCommandResult kro(const std::string& arguments) {
 
 } // namespace
 
-// The loudness and loudness range test signals: integrated loudness, range,
-// loudest readings and sample peak within 0.1 of libebur128 (the range within
-// its own tolerance of 1 LU of what the signal is made for).
+// Every figure within 0.1 of libebur128, the range within 1 LU of its signal.
 TEST(KROLoudnessCommand, FiguresAgreeWithLibebur128) {
     const struct {
         const char* what;
@@ -105,7 +102,8 @@ TEST(KROLoudnessCommand, FiguresAgreeWithLibebur128) {
         {"range 10", stereoSine({{-20, 20}, {-30, 20}}, 48000), NAN, 10.0},
         {"range 5", stereoSine({{-20, 20}, {-15, 20}}, 48000), NAN, 5.0},
         {"range 20", stereoSine({{-40, 20}, {-20, 20}}, 48000), NAN, 20.0},
-        {"range 15", stereoSine({{-50, 20}, {-35, 20}, {-20, 20}, {-35, 20}, {-50, 20}}, 48000), NAN, 15.0},
+        {"range 15",
+         stereoSine({{-50, 20}, {-35, 20}, {-20, 20}, {-35, 20}, {-50, 20}}, 48000), NAN, 15.0},
         // clang-format on
     };
     KROScratchDirectory directory;
@@ -128,9 +126,8 @@ TEST(KROLoudnessCommand, FiguresAgreeWithLibebur128) {
     }
 }
 
-// What a person reads, and every way the command fails, with its status. Of a
-// programme as short as 4 s the first three gating blocks, read before their
-// window is full, take 0.2 LU off the integrated loudness.
+// Text, JSON and failures; at 4 s the first three gating blocks, read before
+// their window is full, take 0.2 LU off the integrated loudness.
 TEST(KROLoudnessCommand, TextAndFailures) {
     KROScratchDirectory directory;
     const auto quiet = writeFile(directory / "quiet.wav", stereoSine({{-20, 4}}, 44100), 44100);
