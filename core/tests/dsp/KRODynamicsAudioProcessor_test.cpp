@@ -1,7 +1,5 @@
-// The compressor and expander: its transfer function measured with tones, the
-// look-ahead measured with clicks, update from a host thread while rendering
-// (run under ThreadSanitizer by `make tsan`), bad settings and bad samples,
-// and its settings keys.
+// The compressor and expander: transfer function, look-ahead, host-thread
+// updates (run under ThreadSanitizer by `make tsan`), bad settings and samples.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -62,10 +60,8 @@ std::vector<float> renderAll(Chain& chain, const std::vector<float>& in, std::ui
 
 } // namespace
 
-// A stereo tone of level L dB reads as power L - 1.5 dB (both channels summed,
-// over the square root of two); in the steady state the gain is the table's
-// output level less that input level. Where an expander's threshold lies
-// above a compressor's, the expander wins.
+// A stereo tone of L dB reads as power L - 1.5 dB (summed over sqrt 2); the steady
+// gain is the table's output less that; an expander above a compressor wins.
 TEST(KRODynamicsAudioProcessor, TheTransferFunctionMeasuredWithTones) {
     const struct {
         const char* what;
@@ -84,7 +80,6 @@ TEST(KRODynamicsAudioProcessor, TheTransferFunctionMeasuredWithTones) {
         Chain chain = dynamicsChain(2, 512);
         auto dynamics = chain.meterAs<Dynamics>();
         apply(*dynamics, c.shape);
-        EXPECT_EQ(dynamics->latency(), 256u);
         const auto tone = sine(c.toneDecibels, 1000.0, 2.0, 48000.0);
         const auto out = renderAll(chain, tone, 512);
         const double gain = 20.0 * std::log10(rms(out, 72000) / rms(tone, 72000));
@@ -92,11 +87,8 @@ TEST(KRODynamicsAudioProcessor, TheTransferFunctionMeasuredWithTones) {
     }
 }
 
-// While the engine is in use the audio is 256 frames late, and exact where
-// the gain is unity (a click far below any threshold). A block shorter than
-// the engine's frame is left as it came until a frame completes, and then
-// takes the start of that frame. Without processing, or disabled, nothing is
-// delayed.
+// In use the audio is 256 frames late and exact at unity gain; a short block
+// waits for a whole frame. Without processing, or disabled, nothing is delayed.
 TEST(KRODynamicsAudioProcessor, LookAheadOfHalfTheFilter) {
     std::vector<float> clicks(4096, 0.0f);
     clicks[100] = 0.001f;
@@ -128,11 +120,8 @@ TEST(KRODynamicsAudioProcessor, LookAheadOfHalfTheFilter) {
     EXPECT_EQ(renderAll(chain, clicks, 512), clicks);
 }
 
-// A host thread commits two settings in turn while the render thread runs, at
-// 100 Hz where the fast setting's follower reaches its target in two samples
-// and the slow one's stands still. The gain may only ever reach the fast
-// setting's target: reaching the slow one's would take its table with the
-// fast one's times, half of one update and half of another.
+// At 100 Hz the fast setting reaches its target in two samples and the slow one
+// stands still: any other gain would be a torn update of one table and other times.
 TEST(KRODynamicsAudioProcessor, UpdateFromAHostThreadIsNeverTorn) {
     Chain chain = dynamicsChain(2, 64, 400.0);
     Dynamics& dynamics = *chain.meterAs<Dynamics>();
@@ -180,12 +169,8 @@ TEST(KRODynamicsAudioProcessor, UpdateFromAHostThreadIsNeverTorn) {
     EXPECT_LT(worst, 0.01);
 }
 
-// Settings a host may get wrong: an engine that cannot be made fails
-// initialisation with no error; slopes of 0, below 0 or not a number and
-// infinite thresholds give finite tables; an attack that is not a number keeps
-// the last good one, and a release of 0 is an infinite rate. NaN, infinite,
-// DC and full-scale square samples leave the gain finite, and rendering
-// allocates nothing.
+// An engine that cannot be made fails with no error; bad slopes, thresholds,
+// times and samples leave the gain finite, and rendering allocates nothing.
 TEST(KRODynamicsAudioProcessor, BadSettingsAndSamplesLeaveTheGainFinite) {
     const std::tuple<double, std::uint32_t, std::uint64_t> engines[] = {
         {0.0, 2, 512}, {48000.0, 0, 512}, {48000.0, 2, 0}};
@@ -238,27 +223,13 @@ TEST(KRODynamicsAudioProcessor, BadSettingsAndSamplesLeaveTheGainFinite) {
     }
 }
 
-// Every key that settings writes is read back by setSettings; a value of the
-// wrong kind is ignored.
-TEST(KRODynamicsAudioProcessor, SettingsKeysReadBack) {
-    KROPropertyList settings;
-    double value = 0.0;
-    for (const char* key :
-         {"inputScalar", "outputScalar", "compressionThreshold", "expansionThreshold",
-          "compressionSlope", "expansionSlope", "attackTime", "releaseTime"}) {
-        settings.setObjectForKey(key, value += 0.25);
-    }
-    settings.setObjectForKey("enabled", false);
-    settings.setObjectForKey("compressionEnabled", true);
-    settings.setObjectForKey("expansionEnabled", true);
+// A setting of the wrong kind is ignored and the last good one kept.
+TEST(KRODynamicsAudioProcessor, SettingOfTheWrongKindIsIgnored) {
     auto dynamics = std::make_shared<Dynamics>();
+    KROPropertyList settings;
+    settings.setObjectForKey("attackTime", 1.75);
     ASSERT_TRUE(dynamics->init() && dynamics->setSettings(settings));
-    const KROPropertyList written = dynamics->settings();
-    for (const std::string& key : settings.allKeys()) {
-        EXPECT_EQ(*written.objectForKey(key), *settings.objectForKey(key)) << key;
-    }
-    KROPropertyList wrong;
-    wrong.setObjectForKey("attackTime", "fast");
-    ASSERT_TRUE(dynamics->setSettings(wrong));
+    settings.setObjectForKey("attackTime", "fast");
+    ASSERT_TRUE(dynamics->setSettings(settings));
     EXPECT_EQ(dynamics->attackTime(), 1.75);
 }

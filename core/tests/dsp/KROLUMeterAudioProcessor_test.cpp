@@ -39,15 +39,24 @@ std::vector<float> sequence(std::initializer_list<std::pair<double, double>> lev
     return samples;
 }
 
+// Renders the samples from the start in blocks of 4800 frames; the reading.
+float measure(Chain& meter, const Channels& channels) {
+    for (std::size_t at = 0; at < channels[0].size(); at += 4800) {
+        meter.renderSamples(channels, at, 4800);
+    }
+    return meter.meterAs<Meter>()->level();
+}
+float measure(Chain&& meter, const Channels& channels) {
+    return measure(meter, channels);
+}
+
 struct Agreement {
     double worstMomentary = 0.0, worstShortTerm = 0.0;
     double integrated = 0.0, theirIntegrated = 0.0;
 };
 
-// Three meters (momentary, short-term, integrated) and libebur128, told the
-// channel map, over the same samples in blocks of 100 ms: the worst difference
-// of the momentary and short-term readings once their windows are full, where
-// libebur128 reads above the meter's floor, and both integrated readings.
+// Three meters and libebur128 over the same samples in 100 ms blocks: the worst
+// momentary and short-term difference once windows are full, and both integrated.
 Agreement compare(const Channels& channels, double rate, const std::vector<int>& map = {}) {
     std::vector<Chain> meters;
     for (const char* type : {KROLUMeterMeasurementTypeMomentary, KROLUMeterMeasurementTypeShortTerm,
@@ -95,18 +104,17 @@ Agreement compare(const Channels& channels, double rate, const std::vector<int>&
 
 } // namespace
 
-// Where the meter's model is the one of libebur128 they agree within 0.1 LU at
-// every reading, and the integrated readings are those the test signals are
-// made for. A full-scale square wave is measured alike; DC is removed by the
-// weighting and reads as silence.
+// Where the meter's model is libebur128's they agree within 0.1 LU at every
+// reading; DC is removed by the weighting and reads as silence.
 TEST(KROLUMeterAudioProcessor, AgreesWithLibebur128OnTheTestSignals) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     std::vector<float> square(480000), dc(480000, 0.5f);
     for (std::size_t i = 0; i < square.size(); ++i) {
         square[i] = (i * 997 / 24000) % 2 ? 1.0f : -1.0f;
     }
-    const std::vector<int> fiveChannels = {EBUR128_LEFT, EBUR128_RIGHT, EBUR128_CENTER,
-                                           EBUR128_LEFT_SURROUND, EBUR128_RIGHT_SURROUND};
+    const auto mono = [](std::initializer_list<std::pair<double, double>> pieces, double rate) {
+        return Channels{sequence(pieces, rate)};
+    };
     const struct {
         const char* what;
         double rate;
@@ -114,23 +122,22 @@ TEST(KROLUMeterAudioProcessor, AgreesWithLibebur128OnTheTestSignals) {
         std::vector<int> map;
         double integrated;
     } cases[] = {
-        {"-23 dBFS", 48000, {sequence({{-23, 20}}, 48000)}, {}, -23.0},
-        {"-33 dBFS", 48000, {sequence({{-33, 20}}, 48000)}, {}, -33.0},
-        {"-72, -36, -23, -36, -72",
-         48000,
-         {sequence({{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, 48000)},
-         {},
-         -23.0},
-        {"-26, -20, -26", 48000, {sequence({{-26, 20}, {-20, 20.1}, {-26, 20}}, 48000)}, {}, -23.0},
-        {"five channels",
-         48000,
+        // clang-format off
+        {"-23 dBFS", 48000, mono({{-23, 20}}, 48000), {}, -23.0},
+        {"-33 dBFS", 48000, mono({{-33, 20}}, 48000), {}, -33.0},
+        {"-72, -36, -23, -36, -72", 48000,
+         mono({{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, 48000), {}, -23.0},
+        {"-26, -20, -26", 48000, mono({{-26, 20}, {-20, 20.1}, {-26, 20}}, 48000), {}, -23.0},
+        {"five channels", 48000,
          {sequence({{-28, 20}}, 48000), sequence({{-28, 20}}, 48000), sequence({{-24, 20}}, 48000),
           sequence({{-30, 20}}, 48000), sequence({{-30, 20}}, 48000)},
-         fiveChannels,
+         {EBUR128_LEFT, EBUR128_RIGHT, EBUR128_CENTER, EBUR128_LEFT_SURROUND,
+          EBUR128_RIGHT_SURROUND},
          -23.0},
-        {"-23 dBFS at 44.1 kHz", 44100, {sequence({{-23, 20}}, 44100)}, {}, -23.0},
+        {"-23 dBFS at 44.1 kHz", 44100, mono({{-23, 20}}, 44100), {}, -23.0},
         {"full-scale square", 48000, {square}, {}, nan},
         {"DC", 48000, {dc}, {}, nan},
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -155,13 +162,8 @@ TEST(KROLUMeterAudioProcessor, AgreesWithLibebur128OnTheTestSignals) {
     }
 }
 
-// Two differences from libebur128 are the meter's own. Its channel map takes
-// the fourth and fifth channels as the surrounds, so in a 5.1 stream the LFE
-// counts as left surround and the right surround is left out; told that map,
-// libebur128 reads what the meter reads. And its integrated reading covers the
-// last 3000 gated blocks only: after 100 s at -30 dBFS and 300 s at -23 dBFS
-// it reads what it reads over the last 300 s alone, while libebur128 over the
-// whole reads about 1 LU lower than over the last 300 s.
+// Kept on purpose: the meter takes channels 4 and 5 as the surrounds (in 5.1 the
+// LFE counts, the right surround not), and integrates only the last 3000 blocks.
 TEST(KROLUMeterAudioProcessor, KeepsItsOwnChannelMapAndRingOfGatingBlocks) {
     const Channels surround = {sequence({{-28, 10}}, 48000), sequence({{-28, 10}}, 48000),
                                sequence({{-24, 10}}, 48000), sequence({{-10, 10}}, 48000, 50.0),
@@ -183,37 +185,20 @@ TEST(KROLUMeterAudioProcessor, KeepsItsOwnChannelMapAndRingOfGatingBlocks) {
     EXPECT_LT(whole.theirIntegrated, last.theirIntegrated - 0.8);
 }
 
-namespace {
-
-// Renders the samples from the start in blocks of 4800 frames; the reading.
-float measure(Chain& meter, const Channels& channels) {
-    for (std::size_t at = 0; at < channels[0].size(); at += 4800) {
-        meter.renderSamples(channels, at, 4800);
-    }
-    return meter.meterAs<Meter>()->level();
-}
-float measure(Chain&& meter, const Channels& channels) {
-    return measure(meter, channels);
-}
-
-} // namespace
-
-// The filters for 48 kHz are what their formulas give, not the published
-// table. Which input channel feeds which slot decides the reading: a mono
-// stream reads 3 dB below the same sine in two channels, unless its channel
-// also feeds the right slot, and a channel may feed a third. Silence reads
-// -73 LU once analysed (-96 LUFS), and -96 LU integrated, where no block
-// passes the gate.
+// The 48 kHz filters are what their formulas give, not the published table;
+// routing decides the reading, and silence reads -73 LU, or -96 integrated.
 TEST(KROLUMeterAudioProcessor, SlotsFiltersAndSilence) {
     Chain stereo = meterOf(KROLUMeterMeasurementTypeMomentary, 2);
-    EXPECT_EQ(stereo.meterAs<Meter>()->preFilterCoefficients(),
-              (Meter::Coefficients{1.5351828863637502, -2.691804030199196, 1.198426263333146,
-                                   -1.6906995865986896, 0.7325047060963897}));
-    const Meter::Coefficients expected = {1.0000000000000073, -2.0000000000000147,
-                                          1.0000000000000073, -1.9900474548339653,
-                                          0.9900722503661955};
+    // clang-format off
+    EXPECT_EQ(stereo.meterAs<Meter>()->preFilterCoefficients(), (Meter::Coefficients{
+        1.5351828863637502, -2.691804030199196, 1.198426263333146, -1.6906995865986896,
+        0.7325047060963897}));
+    const Meter::Coefficients rlb = {
+        1.0000000000000073, -2.0000000000000147, 1.0000000000000073, -1.9900474548339653,
+        0.9900722503661955};
+    // clang-format on
     for (std::size_t i = 0; i < 5; ++i) {
-        EXPECT_NEAR(stereo.meterAs<Meter>()->rlbCoefficients()[i], expected[i], 1e-15) << i;
+        EXPECT_NEAR(stereo.meterAs<Meter>()->rlbCoefficients()[i], rlb[i], 1e-15) << i;
     }
     EXPECT_EQ(stereo.meterAs<Meter>()->level(), -96.0f);
     const Channels tone = {sequence({{-23, 2}}, 48000)};
@@ -226,15 +211,13 @@ TEST(KROLUMeterAudioProcessor, SlotsFiltersAndSilence) {
         std::function<void(Meter&)> route;
         float level;
     } cases[] = {
+        // clang-format off
         {"mono", 1, [](Meter&) {}, both - 3.0103f},
         {"mono to both slots", 1, [](Meter& m) { m.setRightChannelIndex(0); }, both},
         {"left to the centre too", 2, [](Meter& m) { m.setCenterChannelIndex(0); }, both + 1.7609f},
-        {"no channel", 2,
-         [](Meter& m) {
-             m.setLeftChannelIndex(-1);
-             m.setRightChannelIndex(7);
-         },
+        {"no channel", 2, [](Meter& m) { m.setLeftChannelIndex(-1); m.setRightChannelIndex(7); },
          -73.0f},
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -246,10 +229,8 @@ TEST(KROLUMeterAudioProcessor, SlotsFiltersAndSilence) {
     EXPECT_EQ(measure(meterOf(KROLUMeterMeasurementTypeIntegrated, 2), silence), -96.0f);
 }
 
-// A new measurement type clears the window but not the ring: back in
-// "integrated", the reading goes on from the blocks gated before. Another
-// name measures nothing and leaves the reading. Reset clears the ring, so
-// the reading starts again.
+// A new type clears the window but not the ring of gated blocks; an unknown
+// type measures nothing; reset clears the ring.
 TEST(KROLUMeterAudioProcessor, ChangingTypeKeepsTheRingAndResetClearsIt) {
     Chain meter = meterOf(KROLUMeterMeasurementTypeIntegrated, 2);
     Meter& lu = *meter.meterAs<Meter>();
@@ -271,11 +252,8 @@ TEST(KROLUMeterAudioProcessor, ChangingTypeKeepsTheRingAndResetClearsIt) {
     EXPECT_NEAR(measure(meter, quieter), -7.0 + 10.0 * std::log10(8.5 / 10.0), 0.05);
 }
 
-// NaN, infinite and huge samples, blocks of every length up to the maximum,
-// and meters with no frames or no sample rate: every reading stays finite,
-// and rendering allocates nothing. Samples that are not finite numbers are
-// measured as silence and soon forgotten; a huge finite one is measured as
-// very loud, which the integrated reading keeps among its loudest blocks.
+// Bad samples, every block length and inert meters: readings stay finite and
+// nothing allocates; a huge finite sample stays among the loudest blocks.
 TEST(KROLUMeterAudioProcessor, BadInputLeavesEveryReadingFinite) {
     Channels bad = {sequence({{-23, 8}}, 48000)};
     bad[0][50000] = std::numeric_limits<float>::quiet_NaN();
@@ -314,9 +292,7 @@ TEST(KROLUMeterAudioProcessor, BadInputLeavesEveryReadingFinite) {
     }
 }
 
-// A display polls the reading and a host switches the type and the slots
-// while the render thread runs; afterwards the meter measures as if set so
-// from the start of its window.
+// A display polls and a host switches type and slots while rendering.
 TEST(KROLUMeterAudioProcessor, HostChangesWhileRendering) {
     Chain meter = meterOf(KROLUMeterMeasurementTypeShortTerm, 2);
     Meter& lu = *meter.meterAs<Meter>();

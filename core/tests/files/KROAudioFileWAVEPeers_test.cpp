@@ -22,26 +22,16 @@ void writeLabelledFile(const fs::path& path) {
         content.labels() = {testLabel("marker", 0.01, 0, {{"name", "Start"}}),
                             testLabel("region", 0.02, 0.03, {{"name", "Intro"}}),
                             testLabel("loop", 0.04, 0.02, {{"loopType", "forwardBackward"}})};
+        // clang-format off
         content.metadata() = KROPropertyList::Dictionary{
-            {"description", "Room tone"},
-            {"originator", "KROCore"},
-            {"originatorReference", "KRO-0001"},
-            {"originationDate", utcDate(2024, 3, 5)},
-            {"originationTime", utcDate(2000, 1, 1, 13, 14, 15)},
-            {"timeReference", 1.5},
-            {"codingHistory", "A=PCM,F=48000,W=24,M=stereo\r\n"},
-            {"baseNote", 60},
-            {"gain", 3},
-            {"lowNote", 10},
-            {"highNote", 100},
-            {"lowVelocity", 5},
-            {"highVelocity", 120},
-            {"name", "The take"},
-            {"originalArtist", "The band"},
-            {"comments", "Quiet room"},
-            {"copyright", "2024 KROCore"},
-            {"genre", "Ambient"},
-        };
+            {"description", "Room tone"}, {"originator", "KROCore"},
+            {"originatorReference", "KRO-0001"}, {"originationDate", utcDate(2024, 3, 5)},
+            {"originationTime", utcDate(2000, 1, 1, 13, 14, 15)}, {"timeReference", 1.5},
+            {"codingHistory", "A=PCM,F=48000,W=24,M=stereo\r\n"}, {"baseNote", 60}, {"gain", 3},
+            {"lowNote", 10}, {"highNote", 100}, {"lowVelocity", 5}, {"highVelocity", 120},
+            {"name", "The take"}, {"originalArtist", "The band"}, {"comments", "Quiet room"},
+            {"copyright", "2024 KROCore"}, {"genre", "Ambient"}};
+        // clang-format on
     });
 }
 
@@ -57,6 +47,12 @@ std::string peer(const std::string& command) {
     return result.output;
 }
 
+std::string ffprobe(const fs::path& path) {
+    return peer("ffprobe -v error -show_entries stream=codec_name,duration_ts:format_tags "
+                "-of default=noprint_wrappers=1 " +
+                path.string());
+}
+
 void expectLines(const std::string& output, const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
         EXPECT_NE(output.find(line), std::string::npos) << line << " not in\n" << output;
@@ -65,8 +61,9 @@ void expectLines(const std::string& output, const std::vector<std::string>& line
 
 } // namespace
 
-// libsndfile's own commands see the cue points, loop, base note, broadcast
-// fields and INFO texts written here.
+// libsndfile sees the loop, base note and broadcast fields written here;
+// cue points, INFO texts and the other broadcast fields are checked with
+// sndfile-info and ffprobe below.
 TEST(KROAudioFileWAVEContent, LibsndfileReadsOurLabelsAndMetadata) {
     KROTemporaryDirectory directory;
     const fs::path path = directory / "ours.wav";
@@ -75,17 +72,6 @@ TEST(KROAudioFileWAVEContent, LibsndfileReadsOurLabelsAndMetadata) {
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
     ASSERT_TRUE(file) << sf_strerror(nullptr);
     EXPECT_EQ(info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
-    EXPECT_EQ(info.frames, 4800);
-    EXPECT_EQ(info.channels, 2);
-
-    SF_CUES cues{};
-    ASSERT_EQ(sf_command(file, SFC_GET_CUE, &cues, sizeof cues), SF_TRUE);
-    ASSERT_EQ(cues.cue_count, 2u);
-    // Cue identifiers go on after the loop's 1.
-    EXPECT_EQ(cues.cue_points[0].indx, 2);
-    EXPECT_EQ(cues.cue_points[0].position, 480u);
-    EXPECT_EQ(cues.cue_points[1].indx, 3);
-    EXPECT_EQ(cues.cue_points[1].sample_offset, 960u);
 
     SF_INSTRUMENT instrument{};
     ASSERT_EQ(sf_command(file, SFC_GET_INSTRUMENT, &instrument, sizeof instrument), SF_TRUE);
@@ -99,30 +85,15 @@ TEST(KROAudioFileWAVEContent, LibsndfileReadsOurLabelsAndMetadata) {
     SF_BROADCAST_INFO broadcast{};
     ASSERT_EQ(sf_command(file, SFC_GET_BROADCAST_INFO, &broadcast, sizeof broadcast), SF_TRUE);
     EXPECT_EQ(text(broadcast.description, 256), "Room tone");
-    EXPECT_EQ(text(broadcast.originator, 32), "KROCore");
-    EXPECT_EQ(text(broadcast.originator_reference, 32), "KRO-0001");
-    EXPECT_EQ(text(broadcast.origination_date, 10), "2024-03-05");
-    EXPECT_EQ(text(broadcast.origination_time, 8), "13:14:15");
-    EXPECT_EQ(broadcast.time_reference_low, 72000u);
     EXPECT_EQ(broadcast.version, 0);
     EXPECT_EQ(text(broadcast.coding_history, 256), "A=PCM,F=48000,W=24,M=stereo\r\n");
-
-    const std::pair<int, const char*> strings[] = {
-        {SF_STR_TITLE, "The take"},     {SF_STR_ARTIST, "The band"},
-        {SF_STR_COMMENT, "Quiet room"}, {SF_STR_COPYRIGHT, "2024 KROCore"},
-        {SF_STR_GENRE, "Ambient"},
-    };
-    for (const auto& [kind, expected] : strings) {
-        const char* found = sf_get_string(file, kind);
-        EXPECT_STREQ(found ? found : "", expected);
-    }
     sf_close(file);
     EXPECT_EQ(samplesOf(*allAudio(*parsedWAVE(path))), libsndfileSamples(path));
 }
 
-// sndfile-info, soxi and ffprobe see the same format, length, chunks,
-// broadcast fields and INFO texts, in every sample format.
-TEST(KROAudioFileWAVEContent, SndfileInfoSoxiAndFfprobeAgree) {
+// sndfile-info and ffprobe see the same format, length, chunks, broadcast
+// fields and INFO texts.
+TEST(KROAudioFileWAVEContent, SndfileInfoAndFfprobeAgree) {
     KROTemporaryDirectory directory;
     const fs::path path = directory / "ours.wav";
     writeLabelledFile(path);
@@ -132,44 +103,58 @@ TEST(KROAudioFileWAVEContent, SndfileInfoSoxiAndFfprobeAgree) {
                  "Cue ID :  3  Pos :   960", "labl : 2 : Start", "labl : 3 : Intro", "ltxt : 20",
                  "INAM : The take", "ICMT : Quiet room", "inst : 7", "Frames      : 4800",
                  "Channels    : 2"});
-    expectLines(peer("ffprobe -v error -show_entries stream=codec_name,duration_ts:format_tags "
-                     "-of default=noprint_wrappers=1 " +
-                     path.string()),
+    expectLines(ffprobe(path),
                 {"codec_name=pcm_s24le", "duration_ts=4800", "TAG:title=The take",
                  "TAG:artist=The band", "TAG:copyright=2024 KROCore", "TAG:genre=Ambient",
                  "TAG:encoded_by=KROCore", "TAG:originator_reference=KRO-0001",
                  "TAG:date=2024-03-05", "TAG:creation_time=13:14:15", "TAG:time_reference=72000"});
+}
 
+// Each sample format reads back as libsndfile reads it and writes back to the
+// same file byte for byte; soxi and ffprobe see its encoding, depth and
+// length. Mu-law is always 8 bits and floats always 32.
+TEST(KROAudioFileWAVEContent, EverySampleFormatRoundTripsAsPeersReadIt) {
+    KROTemporaryDirectory directory;
+    const fs::path path = directory / "first.wav";
     const struct {
         const char* encoding;
-        std::uint64_t bitDepth;
+        std::uint64_t askedDepth;
         bool isFloat;
+        std::uint64_t bitDepth;
         const char* soxEncoding;
         const char* codec;
-    } formats[] = {
-        {"lpcm", 8, false, "Unsigned Integer PCM", "pcm_u8"},
-        {"lpcm", 16, false, "Signed Integer PCM", "pcm_s16le"},
-        {"lpcm", 32, false, "Signed Integer PCM", "pcm_s32le"},
-        {"lpcm", 32, true, "Floating Point PCM", "pcm_f32le"},
-        {"ulaw", 8, false, "u-law", "pcm_mulaw"},
+    } cases[] = {
+        {"lpcm", 8, false, 8, "Unsigned Integer PCM", "pcm_u8"},
+        {"lpcm", 16, false, 16, "Signed Integer PCM", "pcm_s16le"},
+        {"lpcm", 24, false, 24, "Signed Integer PCM", "pcm_s24le"},
+        {"lpcm", 32, false, 32, "Signed Integer PCM", "pcm_s32le"},
+        {"lpcm", 64, true, 32, "Floating Point PCM", "pcm_f32le"},
+        {"ulaw", 16, false, 8, "u-law", "pcm_mulaw"},
     };
-    for (const auto& f : formats) {
-        SCOPED_TRACE(f.codec);
-        writeWAVE(path, *rampBuffer(3, 1001, 1.0f / 128), [&](KROAudioFileWAVEContent& content) {
-            content.setEncoding(kro::fourCC(f.encoding));
-            content.setBitDepth(f.bitDepth);
-            content.setIsFloatingPoint(f.isFloat);
-            content.metadata().setObjectForKey("name", f.codec);
-        });
-        EXPECT_EQ(peer("soxi -e " + path.string()), std::string(f.soxEncoding) + "\n");
-        EXPECT_EQ(peer("soxi -b " + path.string()), std::to_string(f.bitDepth) + "\n");
-        EXPECT_EQ(peer("soxi -s " + path.string()), "1001\n");
-        EXPECT_EQ(peer("soxi -c " + path.string()), "3\n");
-        expectLines(peer("ffprobe -v error -show_entries stream=codec_name,duration_ts:format_tags "
-                         "-of default=noprint_wrappers=1 " +
-                         path.string()),
-                    {std::string("codec_name=") + f.codec, "duration_ts=1001",
-                     std::string("TAG:title=") + f.codec});
+    const auto ramp = rampBuffer(3, 1001, 1.0f / 151);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.codec);
+        const auto setUp = [&](KROAudioFileWAVEContent& content) {
+            content.setEncoding(kro::fourCC(c.encoding));
+            content.setBitDepth(c.askedDepth);
+            content.setIsFloatingPoint(c.isFloat);
+        };
+        writeWAVE(path, *ramp, setUp);
+        const std::string file = path.string();
+        EXPECT_EQ(peer("soxi -e " + file + " && soxi -b " + file + " && soxi -s " + file +
+                       " && soxi -c " + file),
+                  std::string(c.soxEncoding) + "\n" + std::to_string(c.bitDepth) + "\n1001\n3\n");
+        expectLines(ffprobe(path), {std::string("codec_name=") + c.codec, "duration_ts=1001"});
+
+        const auto read = parsedWAVE(path);
+        ASSERT_TRUE(read);
+        EXPECT_EQ(read->bitDepth(), c.bitDepth);
+        EXPECT_EQ(read->isFloatingPoint(), c.isFloat);
+        EXPECT_EQ(read->encoding(), kro::fourCC(c.encoding));
+        const auto samples = allAudio(*read);
+        EXPECT_EQ(samplesOf(*samples), libsndfileSamples(path));
+        writeWAVE(directory / "second.wav", *samples, setUp);
+        EXPECT_EQ(KROReadTestFile(directory / "second.wav"), KROReadTestFile(path));
     }
 }
 
@@ -192,17 +177,13 @@ TEST(KROAudioFileWAVEContent, FilesOfFfmpegAndSoxReadHere) {
     ASSERT_TRUE(content);
     EXPECT_EQ(content->frames(), 4800u);
     EXPECT_EQ(samplesOf(*allAudio(*content)), libsndfileSamples(bwf));
+    // clang-format off
     expectMetadata(*content, KROPropertyList::Dictionary{
-                                 {"description", "From ffmpeg"},
-                                 {"originator", "ffmpeg"},
-                                 {"originatorReference", "FF-7"},
-                                 {"originationDate", utcDate(2024, 1, 2)},
-                                 {"originationTime", utcDate(2000, 1, 1, 3, 4, 5)},
-                                 {"timeReference", 2.0},
-                                 {"name", "ff title"},
-                                 {"originalArtist", "ff artist"},
-                                 {"comments", "ff note"},
-                             });
+        {"description", "From ffmpeg"}, {"originator", "ffmpeg"}, {"originatorReference", "FF-7"},
+        {"originationDate", utcDate(2024, 1, 2)}, {"originationTime", utcDate(2000, 1, 1, 3, 4, 5)},
+        {"timeReference", 2.0}, {"name", "ff title"}, {"originalArtist", "ff artist"},
+        {"comments", "ff note"}});
+    // clang-format on
     const KROPropertyList* history = content->metadata().objectForKey("codingHistory");
     ASSERT_TRUE(history && history->stringValue());
     EXPECT_EQ(history->stringValue()->rfind("A=PCM", 0), 0u);
@@ -212,21 +193,22 @@ TEST(KROAudioFileWAVEContent, FilesOfFfmpegAndSoxReadHere) {
         std::int64_t code;
         bool isFloat;
     } others[] = {
-        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_mulaw", 0,
-         false},
-        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_f64le", 0,
-         false},
+        // clang-format off
+        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_mulaw", 0, false},
+        {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_f64le", 0, false},
         {"ffmpeg -v error -f lavfi -i sine=sample_rate=8000:duration=0.05 -c:a pcm_alaw", 2, false},
         {"sox -n -r 8000 -c 3 -e u-law", 0, false},
         {"sox -n -r 8000 -c 2 -e floating-point -b 64", 0, true},
         {"sox -n -r 8000 -c 1 -e floating-point -b 32", 0, true},
+        // clang-format on
     };
     for (const auto& [command, code, isFloat] : others) {
         SCOPED_TRACE(command);
         const fs::path path = directory / "other.wav";
+        const std::string file = path.string();
         const std::string tail = std::string(command).starts_with("sox")
-                                     ? " " + path.string() + " synth 0.05 sine 300 vol 0.5"
-                                     : " -y " + path.string();
+                                     ? " " + file + " synth 0.05 sine 300 vol 0.5"
+                                     : " -y " + file;
         peer(command + tail);
         KROErrorPtr error;
         const auto other = parsedWAVE(path, &error);
@@ -245,10 +227,7 @@ TEST(KROAudioFileWAVEContent, FilesOfFfmpegAndSoxReadHere) {
 TEST(KROAudioFileWAVEContent, LibsndfileLabelsAndMetadataReadHere) {
     KROTemporaryDirectory directory;
     const fs::path path = directory / "libsndfile.wav";
-    SF_INFO info{};
-    info.samplerate = 44100;
-    info.channels = 1;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SF_INFO info{0, 44100, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     ASSERT_TRUE(file);
     SF_CUES cues{};
@@ -287,16 +266,13 @@ TEST(KROAudioFileWAVEContent, LibsndfileLabelsAndMetadataReadHere) {
     EXPECT_EQ(labelTexts(*content, 44100),
               (std::vector<std::string>{"marker 441+0 id=1", "marker 882+0 id=2",
                                         "loop 100+199 loopType=backward loopPhase=sustain"}));
+    // clang-format off
     expectMetadata(*content, KROPropertyList::Dictionary{
-                                 {"description", "From libsndfile"},
-                                 {"originator", "libsndfile"},
-                                 {"originationDate", utcDate(2023, 6, 7)},
-                                 {"originationTime", utcDate(2000, 1, 1, 8, 9, 10)},
-                                 {"timeReference", 3.0},
-                                 {"title", "Cart title"},
-                                 {"artist", "Cart artist"},
-                                 {"name", "Titled"},
-                             });
+        {"description", "From libsndfile"}, {"originator", "libsndfile"},
+        {"originationDate", utcDate(2023, 6, 7)}, {"originationTime", utcDate(2000, 1, 1, 8, 9, 10)},
+        {"timeReference", 3.0}, {"title", "Cart title"}, {"artist", "Cart artist"},
+        {"name", "Titled"}});
+    // clang-format on
     // 8192 of 32768 at 16 bits: a quarter of full scale.
     EXPECT_NEAR(content->metadata().objectForKey("levelReference")->doubleValue(), -12.0412, 1e-4);
 }

@@ -4,8 +4,8 @@
 
 #include <sndfile.h>
 
+#include <chrono>
 #include <cmath>
-#include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,15 +14,11 @@
 #include "KROAudioFileWAVEContent.h"
 #include "KROFileTestSupport.h"
 
-inline KRODate utcDate(int year, int month, int day, int hour = 0, int minute = 0, int second = 0) {
-    std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
-    return std::chrono::system_clock::from_time_t(::timegm(&parts));
+inline KRODate utcDate(int year, unsigned month, unsigned day, int hour = 0, int minute = 0,
+                       int second = 0) {
+    using namespace std::chrono;
+    return sys_days{std::chrono::year(year) / month / day} + hours(hour) + minutes(minute) +
+           seconds(second);
 }
 
 // A label with text items: testLabel("marker", 0.5, 0, {{"name", "Verse"}}).
@@ -119,6 +115,27 @@ inline void writeWAVE(const std::filesystem::path& path, const KROAudioBufferLis
                 content.endWrite(&error))
         << (error ? error->description() : "");
     std::filesystem::rename(content.URL(), path);
+}
+
+// A chunk: type, size, body and the pad byte after an odd body.
+inline KROData wavChunk(const char* type, const KROData& body) {
+    return KROTestBytes().text(type).le32(body.size()).bytes(body).fill(body.size() % 2).data();
+}
+
+// A 'fmt ' chunk of 16-bit samples at 8 kHz.
+inline KROData formatChunk(std::uint16_t tag = 1, std::uint16_t channels = 1) {
+    KROTestBytes body;
+    body.le(tag, 2).le(channels, 2).le32(8000).le32(16000).le(2, 2).le(16, 2);
+    return wavChunk("fmt ", body.data());
+}
+
+// A RIFF WAVE file of the chunks, its size counting them all.
+inline KROData riffWAVE(std::initializer_list<KROData> chunks) {
+    KROTestBytes body;
+    for (const KROData& chunk : chunks) {
+        body.bytes(chunk);
+    }
+    return KROTestBytes().text("RIFF").le32(body.size() + 4).text("WAVE").bytes(body.data()).data();
 }
 
 // A ramp through the whole range, different in each channel.

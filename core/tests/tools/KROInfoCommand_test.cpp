@@ -1,6 +1,5 @@
-// `kro info` as a user runs it: the format, length, labels and metadata of a
-// file as text and as JSON that python reads, and a clear message with exit
-// code 1 for a file that is missing or that nothing reads.
+// `kro info`: format, length, labels and metadata as text and as JSON that
+// python reads; a clear message and exit code 1 for a file nothing reads.
 #include <gtest/gtest.h>
 
 #include "../files/KROAudioTestSupport.h"
@@ -12,8 +11,11 @@ KROCommandResult kro(const std::string& arguments) {
     return KRORunCommand("timeout -s KILL 30 " KRO_TOOL " " + arguments);
 }
 
-// Stereo 16-bit at 48 kHz, 480 frames, with a marker, a region and two keys.
-void writeLabelledFile(const std::filesystem::path& path) {
+} // namespace
+
+TEST(KROInfoCommand, ShowsFormatLengthLabelsAndMetadata) {
+    KROTemporaryDirectory directory;
+    const std::string path = (directory / "take.wav").string();
     writeWAVE(path, *KROAudioBufferList::bufferListWithChannels(2, 480),
               [](KROAudioFileWAVEContent& content) {
                   content.labels() = {testLabel("marker", 0.001, 0, {{"name", "Hit"}}),
@@ -21,14 +23,6 @@ void writeLabelledFile(const std::filesystem::path& path) {
                   content.metadata().setObjectForKey("name", "Title");
                   content.metadata().setObjectForKey("description", "Desk");
               });
-}
-
-} // namespace
-
-TEST(KROInfoCommand, ShowsFormatLengthLabelsAndMetadata) {
-    KROTemporaryDirectory directory;
-    const std::string path = (directory / "take.wav").string();
-    writeLabelledFile(path);
     const KROCommandResult text = kro("info " + path);
     EXPECT_EQ(text.status, 0);
     EXPECT_EQ(text.output, path + ": WAVE File\n"

@@ -1,11 +1,9 @@
-// `kro loudness` as a user runs it, on files of the EBU loudness and loudness
-// range test signals written here: every figure beside libebur128's over the
-// same file, the text a person reads, and each way it fails.
+// `kro loudness` on the EBU test signals written here: every figure beside
+// libebur128's, the text a person reads, and each way it fails.
 #include <gtest/gtest.h>
 
 #include <ebur128.h>
 #include <sndfile.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
@@ -14,6 +12,7 @@
 #include <regex>
 #include <vector>
 
+#include "../util/KROScratchDirectory.h"
 #include "KROTestCommand.h"
 
 namespace {
@@ -34,14 +33,10 @@ std::vector<float> stereoSine(std::initializer_list<std::pair<double, double>> p
     return interleaved;
 }
 
-std::filesystem::path writeFile(const std::string& name, const std::vector<float>& interleaved,
-                                int rate) {
-    const auto path =
-        std::filesystem::path(KRO_TEST_BINARY_DIR) / (std::to_string(::getpid()) + "-" + name);
-    SF_INFO info{};
-    info.samplerate = rate;
-    info.channels = 2;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+// A stereo float WAVE file of the samples, written by libsndfile.
+std::filesystem::path writeFile(const std::filesystem::path& path,
+                                const std::vector<float>& interleaved, int rate) {
+    SF_INFO info{0, rate, 2, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     EXPECT_NE(file, nullptr);
     sf_writef_float(file, interleaved.data(), sf_count_t(interleaved.size() / 2));
@@ -92,9 +87,7 @@ KROCommandResult kro(const std::string& arguments) {
 
 } // namespace
 
-// The loudness and loudness range test signals: integrated loudness, range,
-// loudest readings and sample peak within 0.1 of libebur128 (the range within
-// its own tolerance of 1 LU of what the signal is made for).
+// Every figure within 0.1 of libebur128, the range within 1 LU of its signal.
 TEST(KROLoudnessCommand, FiguresAgreeWithLibebur128) {
     const struct {
         const char* what;
@@ -102,20 +95,22 @@ TEST(KROLoudnessCommand, FiguresAgreeWithLibebur128) {
         double integrated;
         double range;
     } cases[] = {
+        // clang-format off
         {"-23 dBFS", stereoSine({{-23, 20}}, 48000), -23.0, 0.0},
         {"-72, -36, -23, -36, -72",
          stereoSine({{-72, 10}, {-36, 10}, {-23, 60}, {-36, 10}, {-72, 10}}, 48000), -23.0, NAN},
         {"range 10", stereoSine({{-20, 20}, {-30, 20}}, 48000), NAN, 10.0},
         {"range 5", stereoSine({{-20, 20}, {-15, 20}}, 48000), NAN, 5.0},
         {"range 20", stereoSine({{-40, 20}, {-20, 20}}, 48000), NAN, 20.0},
-        {"range 15", stereoSine({{-50, 20}, {-35, 20}, {-20, 20}, {-35, 20}, {-50, 20}}, 48000),
-         NAN, 15.0},
+        {"range 15",
+         stereoSine({{-50, 20}, {-35, 20}, {-20, 20}, {-35, 20}, {-50, 20}}, 48000), NAN, 15.0},
+        // clang-format on
     };
+    KROScratchDirectory directory;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const auto path = writeFile("loudness.wav", c.samples, 48000);
+        const auto path = writeFile(directory / "loudness.wav", c.samples, 48000);
         const KROCommandResult result = kro("loudness --json '" + path.string() + "'");
-        std::filesystem::remove(path);
         ASSERT_EQ(result.status, 0) << result.output;
         const auto ours = numbersOf(result.output);
         const auto theirs = libebur128(c.samples, 48000);
@@ -131,13 +126,13 @@ TEST(KROLoudnessCommand, FiguresAgreeWithLibebur128) {
     }
 }
 
-// What a person reads, and every way the command fails, with its status. Of a
-// programme as short as 4 s the first three gating blocks, read before their
-// window is full, take 0.2 LU off the integrated loudness.
+// Text, JSON and failures; at 4 s the first three gating blocks, read before
+// their window is full, take 0.2 LU off the integrated loudness.
 TEST(KROLoudnessCommand, TextAndFailures) {
-    const auto quiet = writeFile("quiet.wav", stereoSine({{-20, 4}}, 44100), 44100);
-    const auto silent = writeFile("silent.wav", std::vector<float>(88200), 44100);
-    const auto notAudio = std::filesystem::path(KRO_TEST_BINARY_DIR) / "not-audio.wav";
+    KROScratchDirectory directory;
+    const auto quiet = writeFile(directory / "quiet.wav", stereoSine({{-20, 4}}, 44100), 44100);
+    const auto silent = writeFile(directory / "silent.wav", std::vector<float>(88200), 44100);
+    const auto notAudio = directory / "not-audio.wav";
     std::ofstream(notAudio) << "not audio";
     const std::tuple<std::string, int, std::string> cases[] = {
         {"loudness '" + quiet.string() + "'", 0,
@@ -163,8 +158,5 @@ TEST(KROLoudnessCommand, TextAndFailures) {
         const KROCommandResult result = kro(arguments);
         EXPECT_EQ(result.status, status);
         EXPECT_EQ(result.output, output);
-    }
-    for (const auto& path : {quiet, silent, notAudio}) {
-        std::filesystem::remove(path);
     }
 }
