@@ -213,7 +213,7 @@ TEST(KROAudioFileChunkList, WalksFindTheAudioOfFilesSoxWrites) {
         const auto audio = std::find_if(chunks.begin(), chunks.end(),
                                         [&](auto& text) { return text.starts_with(c.audio); });
         ASSERT_NE(audio, chunks.end());
-        EXPECT_TRUE(audio->ends_with("+" + std::to_string(bytes))) << *audio;
+        EXPECT_TRUE(audio->ends_with(std::string(1, '+').append(std::to_string(bytes)))) << *audio;
         EXPECT_EQ(std::stoull(audio->substr(5)) + bytes, std::filesystem::file_size(path));
     }
 }

@@ -225,8 +225,9 @@ TEST(KROAudioFileContent, WritingPastTheSizeLimitFailsAndLeavesTheTarget) {
     ASSERT_TRUE(error);
     EXPECT_EQ(error->className(), "KROAudioFileWAVEContentError");
     EXPECT_EQ(error->code(), 4);
-    EXPECT_NE(error->description().find("'" + kro::filename(content->URL()) + "'"),
-              std::string::npos);
+    EXPECT_NE(
+        error->description().find(std::string(1, '\'').append(kro::filename(content->URL())) + "'"),
+        std::string::npos);
     EXPECT_EQ(content->frames(), 1200u);
     content->endWrite();
     EXPECT_EQ(fs::file_size(content->URL()), 44u + 2400u);
