@@ -48,10 +48,12 @@ KROSerialQueue::KROSerialQueue(std::string label, Priority priority, std::size_t
         pthread_setname_np(pthread_self(), threadName(label_).c_str());
         raisePriority();
         {
+            // Notified under the lock: the constructor's condition variable
+            // dies as soon as it sees the flag.
             const std::lock_guard guard(lock_);
             started = true;
+            startedChanged.notify_all();
         }
-        startedChanged.notify_all();
         run();
     });
     // Waits for the worker to settle its priority, so that hasRaisedPriority
