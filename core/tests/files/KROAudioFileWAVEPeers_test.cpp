@@ -1,5 +1,5 @@
 // WAVE files between this library and programs written elsewhere:
-// libsndfile, sndfile-info, soxi and ffprobe read what is written here,
+// libsndfile, sndfile-info, soxi, ffprobe and exiftool read what is written here,
 // and what sox, ffmpeg and libsndfile write is read here, samples, labels
 // and metadata alike.
 #include <gtest/gtest.h>
@@ -91,9 +91,9 @@ TEST(KROAudioFileWAVEContent, LibsndfileReadsOurLabelsAndMetadata) {
     EXPECT_EQ(samplesOf(*allAudio(*parsedWAVE(path))), libsndfileSamples(path));
 }
 
-// sndfile-info and ffprobe see the same format, length, chunks, broadcast
-// fields and INFO texts.
-TEST(KROAudioFileWAVEContent, SndfileInfoAndFfprobeAgree) {
+// sndfile-info, ffprobe and exiftool see the same format, length, chunks,
+// broadcast fields, sampler and INFO texts.
+TEST(KROAudioFileWAVEContent, SndfileInfoFfprobeAndExiftoolAgree) {
     KROTemporaryDirectory directory;
     const fs::path path = directory / "ours.wav";
     writeLabelledFile(path);
@@ -108,6 +108,12 @@ TEST(KROAudioFileWAVEContent, SndfileInfoAndFfprobeAgree) {
                  "TAG:artist=The band", "TAG:copyright=2024 KROCore", "TAG:genre=Ambient",
                  "TAG:encoded_by=KROCore", "TAG:originator_reference=KRO-0001",
                  "TAG:date=2024-03-05", "TAG:creation_time=13:14:15", "TAG:time_reference=72000"});
+    expectLines(peer("exiftool -S -n " + path.string()),
+                {"NumChannels: 2", "SampleRate: 48000", "BitsPerSample: 24",
+                 "Description: Room tone", "OriginatorReference: KRO-0001",
+                 "DateTimeOriginal: 2024:03:05 13:14:15", "TimeReference: 72000",
+                 "NumSampleLoops: 1", "UnshiftedNote: 60", "HighVelocity: 120",
+                 "CuePointLabel: 2 Start", "Title: The take", "Comment: Quiet room"});
 }
 
 // Each sample format reads back as libsndfile reads it and writes back to the
