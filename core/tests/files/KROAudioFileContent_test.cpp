@@ -58,8 +58,8 @@ std::shared_ptr<KROTestWAVEContent> writerFor(const fs::path& directory, std::ui
 TEST(KROAudioFileContent, HandlersStillToComeAreHeldByStandIns) {
     const std::vector<std::string> stillToCome = {
         "KROAudioFileAIFFContent",  "KROAudioFileSFILContent", "KROAudioFileAUContent",
-        "KROAudioFileWAV64Content", "KROAudioFileM4AContent",  "KROAudioFileVOXContent",
-        "KROAudioFileDDPContent",   "KROAudioFileSDIIContent",
+        "KROAudioFileWAV64Content", "KROAudioFileVOXContent",  "KROAudioFileDDPContent",
+        "KROAudioFileSDIIContent",
     };
     std::vector<std::string> standIns;
     for (const auto& handler : KROAudioFileContent::fileContentClasses()) {

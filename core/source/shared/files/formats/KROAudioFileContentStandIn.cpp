@@ -5,8 +5,8 @@
 const std::vector<std::string>& KROAudioFileContentStandIn::standInNames() {
     static const std::vector<std::string> names = {
         "KROAudioFileAIFFContent",  "KROAudioFileSFILContent", "KROAudioFileAUContent",
-        "KROAudioFileWAV64Content", "KROAudioFileM4AContent",  "KROAudioFileVOXContent",
-        "KROAudioFileDDPContent",   "KROAudioFileSDIIContent",
+        "KROAudioFileWAV64Content", "KROAudioFileVOXContent",  "KROAudioFileDDPContent",
+        "KROAudioFileSDIIContent",
     };
     return names;
 }
