@@ -87,10 +87,13 @@ struct KROAudioFileFLACContent::Decoder {
                                                 const FLAC__Frame* frame,
                                                 const FLAC__int32* const buffer[], void* client) {
         auto& self = *static_cast<Decoder*>(client);
-        const unsigned channels = frame->header.channels;
+        // A damaged frame may claim other channels than the stream info; the
+        // block always has the stream's, silent where the frame has none.
+        const unsigned channels = self.info.channels;
         const unsigned frames = frame->header.blocksize;
-        self.block.resize(std::size_t{channels} * frames);
-        for (unsigned channel = 0; channel < channels; ++channel) {
+        self.block.assign(std::size_t{channels} * frames, 0);
+        for (unsigned channel = 0; channel < std::min(channels, frame->header.channels);
+             ++channel) {
             std::copy_n(buffer[channel], frames,
                         self.block.begin() + std::ptrdiff_t{channel} * frames);
         }
