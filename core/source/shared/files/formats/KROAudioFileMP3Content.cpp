@@ -144,10 +144,15 @@ KROErrorPtr KROAudioFileMP3Content::errorWithCode(std::int64_t code,
 // ---------------------------------------------------------------- reading
 
 bool KROAudioFileMP3Content::parse(KROErrorPtr* error) {
-    if (!openFileReader(error)) {
+    // A reader of its own for the tag, with the page cache left as it is:
+    // libmpg123 reads the file next.
+    KROFileReader tagReader;
+    std::uint64_t size = 0;
+    if (!tagReader.initWithURL(URL(), error) || !kro::getSizeOfFile(URL(), size, error)) {
         return false;
     }
-    parseID3TagInFile(*fileReader_, 0);
+    setFileSize(size);
+    parseID3TagInFile(tagReader, 0);
     trimTerminators(metadata());
     initializeMpg123();
     decoder_ = std::make_unique<Decoder>();
@@ -174,8 +179,12 @@ bool KROAudioFileMP3Content::parse(KROErrorPtr* error) {
     if (!opened || rate <= 0 || channels <= 0 || encoding != MPG123_ENC_FLOAT_32) {
         return failWithFileName(error, notAnMP3Stream, "KROAudioFileContent_action_parsing");
     }
-    // The exact length needs a pass over the frames where no header gives it.
-    mpg123_scan(handle);
+    // The exact length needs a pass over the frames where no LAME or Xing
+    // header gives it.
+    long accurate = 0;
+    if (mpg123_getstate(handle, MPG123_ACCURATE, &accurate, nullptr) != MPG123_OK || !accurate) {
+        mpg123_scan(handle);
+    }
     const off_t length = mpg123_length(handle);
     setSampleRate(static_cast<double>(rate));
     setNumberOfChannels(static_cast<std::uint64_t>(channels));
@@ -228,9 +237,11 @@ bool KROAudioFileMP3Content::getAudio(KROAudioBufferList& buffer, std::uint64_t 
         const int status = mpg123_read(decoder.handle, decoder.scratch.data(),
                                        decoder.scratch.size() * sizeof(float), &bytes);
         const std::uint64_t got = bytes / (sizeof(float) * channels);
-        for (std::uint64_t index = 0; index < got; ++index) {
-            for (std::uint32_t channel = 0; channel < channels; ++channel) {
-                buffer.channel(channel)[done + index] = decoder.scratch[index * channels + channel];
+        for (std::uint32_t channel = 0; channel < channels; ++channel) {
+            float* output = buffer.channel(channel) + done;
+            const float* input = decoder.scratch.data() + channel;
+            for (std::uint64_t index = 0; index < got; ++index) {
+                output[index] = input[index * channels];
             }
         }
         done += got;
