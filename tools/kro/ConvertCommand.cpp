@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
+#include <map>
 
 #include "AudioFileOpening.h"
 #include "KROError.h"
@@ -84,6 +85,40 @@ bool moveIntoPlace(const fs::path& from, const fs::path& to, std::string& messag
     return !failure;
 }
 
+// What the written file does not hold of the input: labels by type and
+// metadata keys, as "1 loop label, metadata originator, tempo"; empty when
+// it holds everything.
+std::string droppedText(const KROAudioFileContent& input, const KROAudioFileContent& written) {
+    std::vector<std::string> parts;
+    std::map<std::string, long> labels;
+    for (const auto& label : input.labels()) {
+        ++labels[label->type()];
+    }
+    for (const auto& label : written.labels()) {
+        --labels[label->type()];
+    }
+    for (const auto& [type, count] : labels) {
+        if (count > 0) {
+            parts.push_back(std::to_string(count) + " " + type +
+                            (count == 1 ? " label" : " labels"));
+        }
+    }
+    std::string keys;
+    for (const std::string& key : input.metadata().allKeys()) {
+        if (!written.metadata().objectForKey(key)) {
+            keys += (keys.empty() ? "metadata " : ", ") + key;
+        }
+    }
+    if (!keys.empty()) {
+        parts.push_back(keys);
+    }
+    std::string text;
+    for (const std::string& part : parts) {
+        text += (text.empty() ? "" : "; ") + part;
+    }
+    return text;
+}
+
 } // namespace
 
 ConvertCommand::ConvertCommand(CLI::App& app) {
@@ -121,6 +156,13 @@ int ConvertCommand::run() const {
     output->setEncoding(input->encoding());
     output->setBitDepth(input->bitDepth());
     output->setIsFloatingPoint(input->isFloatingPoint());
+    // Samples decoded from a codec go on as linear PCM, unless the writer's
+    // own codec takes them.
+    const bool companded =
+        input->encoding() == kro::fourCC("ulaw") || input->encoding() == kro::fourCC("alaw");
+    if (!companded && input->encoding() != kro::fourCC("lpcm")) {
+        output->setEncoding(kro::fourCC("lpcm"));
+    }
     for (const SampleFormat& format : sampleFormats) {
         if (format_ == format.name) {
             output->setEncoding(kro::fourCC(format.encoding));
@@ -149,5 +191,12 @@ int ConvertCommand::run() const {
               << (output->numberOfChannels() == 1 ? " channel at " : " channels at ")
               << output->sampleRate() << " Hz, " << output->frames() << " frames, "
               << output->labels().size() << " labels.\n";
+    // Read back, so that what the format could not hold is named.
+    if (const auto written = openAudioFile(target.string(), message)) {
+        const std::string dropped = droppedText(*input, *written);
+        if (!dropped.empty()) {
+            std::cout << "Not kept in " << output->format() << ": " << dropped << ".\n";
+        }
+    }
     return 0;
 }

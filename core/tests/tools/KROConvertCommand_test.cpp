@@ -80,3 +80,51 @@ TEST(KROConvertCommand, FailuresAreAClearMessageAndLeaveNoFile) {
     }
     EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), fs::directory_iterator()), 1);
 }
+
+// Between the codec formats, what a format cannot hold is named; the
+// lossless ones give back the samples bit for bit.
+TEST(KROConvertCommand, NamesWhatTheOutputFormatCannotHold) {
+    KROTemporaryDirectory directory;
+    const fs::path input = directory / "in.wav";
+    writeWAVE(input, *rampBuffer(2, 4800, 1.0f / 128), [](KROAudioFileWAVEContent& content) {
+        content.setBitDepth(24);
+        content.labels() = {testLabel("marker", 0.01, 0), testLabel("region", 0.02, 0.01),
+                            testLabel("loop", 0.03, 0.01)};
+        content.metadata() = KROPropertyList::Dictionary{{"name", "Take"}, {"originator", "Me"}};
+    });
+    const struct {
+        const char* name;
+        const char* dropped;
+        bool lossless;
+    } cases[] = {
+        {"out.caf", "CAF File: 1 loop label; metadata originator", true},
+        {"out.flac", "FLAC Audio File: 1 loop label; 1 region label; metadata originator", true},
+        {"out.m4a",
+         "M4A Audio File: 1 loop label; 1 marker label; 1 region label; metadata "
+         "originator",
+         true},
+        {"out.ogg",
+         "Ogg Vorbis Audio File: 1 loop label; 1 marker label; 1 region label; "
+         "metadata originator",
+         false},
+        {"out.mp3",
+         "MP3 Audio File: 1 loop label; 1 marker label; 1 region label; metadata "
+         "originator",
+         false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const fs::path output = directory / c.name;
+        const KROCommandResult result = kro("convert " + input.string() + " " + output.string());
+        EXPECT_EQ(result.status, 0);
+        EXPECT_NE(result.output.find(std::string("\nNot kept in ") + c.dropped + ".\n"),
+                  std::string::npos)
+            << result.output;
+        const fs::path back = directory / "back.wav";
+        EXPECT_EQ(kro("convert " + output.string() + " " + back.string()).status, 0);
+        if (c.lossless) {
+            EXPECT_EQ(libsndfileSamples(back), libsndfileSamples(input));
+        }
+        EXPECT_EQ(parsedWAVE(back)->frames(), 4800u);
+    }
+}

@@ -4,10 +4,9 @@
 
 const std::vector<std::string>& KROAudioFileContentStandIn::standInNames() {
     static const std::vector<std::string> names = {
-        "KROAudioFileAIFFContent", "KROAudioFileCAFContent",    "KROAudioFileSFILContent",
-        "KROAudioFileAUContent",   "KROAudioFileWAV64Content",  "KROAudioFileMP3Content",
-        "KROAudioFileM4AContent",  "KROAudioFileVorbisContent", "KROAudioFileFLACContent",
-        "KROAudioFileVOXContent",  "KROAudioFileDDPContent",    "KROAudioFileSDIIContent",
+        "KROAudioFileAIFFContent",  "KROAudioFileSFILContent", "KROAudioFileAUContent",
+        "KROAudioFileWAV64Content", "KROAudioFileVOXContent",  "KROAudioFileDDPContent",
+        "KROAudioFileSDIIContent",
     };
     return names;
 }
