@@ -10,6 +10,7 @@
 #include "KROCore.h"
 #include "LoudnessCommand.h"
 #include "PlayCommand.h"
+#include "RenderCommand.h"
 
 namespace {
 
@@ -54,6 +55,7 @@ int main(int argc, char** argv) {
     ConvertCommand convert(app);
     LoudnessCommand loudness(app);
     PlayCommand play(app);
+    RenderCommand render(app);
 
     CLI11_PARSE(app, argc, argv);
 
@@ -65,6 +67,9 @@ int main(int argc, char** argv) {
     }
     if (play.parsed()) {
         return play.run();
+    }
+    if (render.parsed()) {
+        return render.run();
     }
     if (format.parsed()) {
         return format.run();
