@@ -9,6 +9,7 @@
 #include "InfoCommand.h"
 #include "KROCore.h"
 #include "LoudnessCommand.h"
+#include "OverviewCommand.h"
 #include "PlayCommand.h"
 #include "RenderCommand.h"
 
@@ -56,6 +57,7 @@ int main(int argc, char** argv) {
     LoudnessCommand loudness(app);
     PlayCommand play(app);
     RenderCommand render(app);
+    OverviewCommand overview(app);
 
     CLI11_PARSE(app, argc, argv);
 
@@ -67,6 +69,9 @@ int main(int argc, char** argv) {
     }
     if (play.parsed()) {
         return play.run();
+    }
+    if (overview.parsed()) {
+        return overview.run();
     }
     if (render.parsed()) {
         return render.run();
