@@ -14,6 +14,7 @@
 #include "KROAudioFileWriterAudioProcessor.h"
 #include "KROAudioStream.h"
 #include "KROAudioStreamBasicDescription.h"
+#include "KROConductorAudioProcessor.h"
 #include "ProgressBar.h"
 
 namespace {
@@ -145,6 +146,12 @@ int RenderCommand::run() const {
     replaceRenderHead(stream, writer);
     if (!stream.initialize(&error)) {
         return fail(error ? error->localizedDescription() : "The stream could not be prepared.");
+    }
+    // A transport plays with the render, as it plays with a device.
+    for (const auto& processor : stream.enumeratorOfProcessors()) {
+        if (auto* transport = dynamic_cast<KROConductorAudioProcessor*>(processor.get())) {
+            transport->start();
+        }
     }
     const auto start = std::chrono::steady_clock::now();
     const bool rendered = renderWithProgress(*writer, error);

@@ -6,8 +6,6 @@
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
-#include <regex>
 #include <vector>
 
 #include "../util/KROScratchDirectory.h"
@@ -32,10 +30,9 @@ protected:
         ASSERT_EQ(
             run("sox -n -r 48000 -c 2 -b 32 -e float tone.wav synth 30 sine 440 sine 660").status,
             0);
-        std::ifstream in(std::string(KRO_SOURCE_DIR) + "/examples/file-through-fader.plist");
-        const std::string text((std::istreambuf_iterator<char>(in)), {});
-        std::ofstream(directory_ / "graph.plist")
-            << std::regex_replace(text, std::regex("examples/tone.wav"), "tone.wav");
+        std::filesystem::copy_file(std::filesystem::path(KRO_SOURCE_DIR) /
+                                       "examples/file-through-fader.plist",
+                                   directory_ / "graph.plist");
     }
 
     KROCommandResult run(const std::string& command) const {
