@@ -133,8 +133,17 @@ TEST_F(KROStreamWriterTest, AStuckDiskDropsBlocksAndNeverStopsTheRenderThread) {
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_EQ(writer_->framesDropped(), 400000u - 2 * kCapacity);
+    // stopWriting holds the lock while it waits for the stuck disk; a block
+    // meanwhile finds the lock taken and is dropped at once.
+    bool stopped = false;
+    std::thread stopper([&] { stopped = writer_->stopWriting(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const auto blocked = std::chrono::steady_clock::now();
+    renderBlock();
+    EXPECT_LT(std::chrono::steady_clock::now() - blocked, std::chrono::milliseconds(50));
     hold.unlock();
-    ASSERT_TRUE(writer_->stopWriting());
+    stopper.join();
+    ASSERT_TRUE(stopped);
     EXPECT_EQ(libsndfileSamples(directory_ / "take.wav").size(), 2 * 2 * kCapacity);
 }
 

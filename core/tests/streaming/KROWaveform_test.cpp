@@ -26,23 +26,26 @@ std::shared_ptr<KROWaveform> waveform(const std::string& name, std::uint64_t ent
 } // namespace
 
 // Three entries written with 1.0, -1.0 and 1.5 on the positive curve and
-// -0.5 on the negative one: the bytes on disk per class. Min-max and 8-bit
+// -0.5 on the negative one: the bytes on disk per class, and what the writer
+// left in the caller's array, which it scales in place. Min-max and 8-bit
 // tables clip; the 16-bit rectified table does not (1.5 saturates), and
-// ignores the negative curve.
+// ignores the negative curve; a legacy table takes no generic write.
 TEST(KROWaveform, EachClassStoresItsOwnBytes) {
     struct Case {
         const char* name;
         std::size_t entrySize;
         KROData bytes;
+        float scaledLast;
     };
     const Case cases[] = {
         {"KROMinMaxWaveform",
          4,
-         {0xFF, 0x7F, 0x00, 0xC0, 0x01, 0x80, 0x00, 0xC0, 0xFF, 0x7F, 0x00, 0xC0}},
-        {"KROSmallMinMaxWaveform", 2, {0x7F, 0xC0, 0x81, 0xC0, 0x7F, 0xC0}},
-        {"KRORMSWaveform", 2, {0xFF, 0x7F, 0x01, 0x80, 0xFF, 0x7F}},
-        {"KROSmallMeanWaveform", 1, {0x7F, 0x81, 0x7F}},
-        {"KRMaxWaveform", 4, KROData(12, 0)},
+         {0xFF, 0x7F, 0x00, 0xC0, 0x01, 0x80, 0x00, 0xC0, 0xFF, 0x7F, 0x00, 0xC0},
+         32767.0f},
+        {"KROSmallMinMaxWaveform", 2, {0x7F, 0xC0, 0x81, 0xC0, 0x7F, 0xC0}, 127.0f},
+        {"KRORMSWaveform", 2, {0xFF, 0x7F, 0x01, 0x80, 0xFF, 0x7F}, 49150.5f},
+        {"KROSmallMeanWaveform", 1, {0x7F, 0x81, 0x7F}, 127.0f},
+        {"KRMaxWaveform", 4, KROData(12, 0), 1.5f},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -53,6 +56,7 @@ TEST(KROWaveform, EachClassStoresItsOwnBytes) {
         table->setPositiveValues(positive, 0, 3);
         table->setNegativeValues(negative, 0, 3);
         EXPECT_EQ(table->table(), c.bytes);
+        EXPECT_EQ(positive[2], c.scaledLast);
     }
     EXPECT_EQ(KROWaveform::waveformWithClassName("KROWaveformBuffer"), nullptr);
     EXPECT_EQ(waveform("KROMinMaxWaveform", 10)->description(), "KROMinMaxWaveform (length = 40)");
