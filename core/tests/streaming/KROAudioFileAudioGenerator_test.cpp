@@ -2,6 +2,7 @@
 // jumps foreseen, and offline reads.
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <mutex>
 
 #include "KROAllocationGuard.h"
@@ -15,14 +16,33 @@ namespace {
 constexpr std::uint64_t kFileFrames = 5 * 48000;
 constexpr std::uint64_t kSecond = 48000;
 
-// A WAVE handler whose reads wait while the gate is held.
+// A WAVE handler whose reads wait for a permit while the gate is closed.
 class GatedWAVEContent : public KROAudioFileWAVEContent {
 public:
     bool getAudio(KROAudioBufferList& buffer, std::uint64_t frame, KROErrorPtr* error) override {
-        { const std::lock_guard wait(gate); }
+        {
+            std::unique_lock lock(mutex);
+            ++entered;
+            changed.notify_all();
+            changed.wait(lock, [] { return permits != 0; });
+            permits -= permits > 0 ? 1 : 0;
+        }
         return KROAudioFileWAVEContent::getAudio(buffer, frame, error);
     }
-    static inline std::mutex gate;
+    // permits: -1 lets every read through.
+    static void allow(int count) {
+        const std::lock_guard lock(mutex);
+        permits = count;
+        changed.notify_all();
+    }
+    static void waitForReads(int count) {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return entered >= count; });
+    }
+    static inline std::mutex mutex;
+    static inline std::condition_variable changed;
+    static inline int permits = -1;
+    static inline int entered = 0;
 };
 
 class KROAudioFileAudioGeneratorTest : public ::testing::Test {
@@ -132,21 +152,30 @@ TEST_F(KROAudioFileAudioGeneratorTest, PlaysTheFileFromAnyFrameAcrossTheRing) {
 }
 
 // A playhead outside the ring plays silence, never a wait, until the loads it
-// posted are in; a load that finished for a place the ring has left is
-// never heard.
-TEST_F(KROAudioFileAudioGeneratorTest, AMissPlaysSilenceUntilTheRingIsLoaded) {
+// posted are in; a load that finishes for a place the ring has left is never
+// heard.
+TEST_F(KROAudioFileAudioGeneratorTest, AMissPlaysSilenceAndAStaleLoadIsNeverHeard) {
     build({});
-    {
-        const std::lock_guard closed(GatedWAVEContent::gate);
-        head_->sampleTime = 60000;
-        head_->renderBlock();
-        EXPECT_EQ(head_->buffer->magnitude(), 0.0f);
-        head_->sampleTime = 200000;
-        head_->renderBlock();
-        EXPECT_EQ(head_->buffer->magnitude(), 0.0f);
-        EXPECT_EQ(generator_->playbackBufferForRole(Buffer::current)->range().location, 200000u);
-    }
+    GatedWAVEContent::entered = 0;
+    GatedWAVEContent::allow(0);
+    head_->sampleTime = 60000;
+    head_->renderBlock();
+    EXPECT_EQ(head_->buffer->magnitude(), 0.0f);
+    // The disk thread now reads for buffer 0 at 12000; the ring moves on.
+    GatedWAVEContent::waitForReads(1);
+    head_->sampleTime = 200000;
+    head_->renderBlock();
+    EXPECT_EQ(head_->buffer->magnitude(), 0.0f);
+    EXPECT_EQ(generator_->playbackBufferForRole(Buffer::current)->range().location, 200000u);
+    // That read ends and lands in buffer 0, which stands for 152000 by now.
+    GatedWAVEContent::allow(1);
+    GatedWAVEContent::waitForReads(2);
+    head_->sampleTime = 152000;
+    head_->renderBlock();
+    EXPECT_EQ(head_->buffer->magnitude(), 0.0f);
+    GatedWAVEContent::allow(-1);
     KROAudioFileAudioGenerator::waitForDiskThread();
+    head_->sampleTime = 200512;
     EXPECT_EQ(firstWrongFrame(renderBlock(), 200512), -1);
 }
 

@@ -107,22 +107,21 @@ TEST_F(KROWriterTest, TheFileWriterStoresTheRangeUnderAFreeName) {
     }
 }
 
-// With a tail, the render goes on past the range while sound lasts, ends
-// at the first quiet pull after the end without storing it, and the range's
-// length becomes the absolute end.
-TEST_F(KROWriterTest, ATailEndsAtTheFirstQuietPull) {
-    auto writer = chainTo<KROAudioFileWriterAudioProcessor>(2.0, 0.5);
+// With a tail, the render goes on past the range while sound lasts. The
+// source ends exactly at the range's end: the quiet pull that starts there is
+// still stored, the next one ends the tail unstored, and the range's length
+// becomes the absolute end.
+TEST_F(KROWriterTest, ATailEndsAtTheFirstQuietPullAfterTheEnd) {
+    auto writer = chainTo<KROAudioFileWriterAudioProcessor>(2.0, 1.0);
     configure(*writer);
     writer->setRenderFrames(12000);
     writer->setRetainTail(true);
     writer->setMaximumTailLength(2.0);
     ASSERT_TRUE(stream_->initialize());
     ASSERT_TRUE(writer->start());
-    // The source ends at 3 s: pulls from 2.0 to 3.0 hold sound, the one at
-    // 3.0 is quiet and ends the tail.
-    EXPECT_EQ(pulls_.pulls.size(), 5u);
-    EXPECT_DOUBLE_EQ(writer->range().length, 3.0);
-    EXPECT_EQ(libsndfileSamples(writer->resultURL()).size(), 2u * 48000);
+    EXPECT_EQ(pulls_.pulls.size(), 6u);
+    EXPECT_DOUBLE_EQ(writer->range().length, 3.25);
+    EXPECT_EQ(libsndfileSamples(writer->resultURL()).size(), 2u * 60000);
 }
 
 // Refusals and failures: each gives its code and leaves no file behind.

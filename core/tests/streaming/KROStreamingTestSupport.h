@@ -14,10 +14,11 @@
 #include "KROAudioConnection.h"
 #include "KROAudioStream.h"
 
-// Never 0, different at every frame of a cycle of 4000 and on each channel:
+// Never 0, different at every frame of a cycle of 48007 (a prime, so that no
+// jump of whole seconds lands on the same values) and on each channel:
 // silence and a sample of the wrong place both show.
 inline float signatureSample(std::int64_t frame, std::uint32_t channel) {
-    const float value = float(frame % 4000 + 1) / 4001.0f;
+    const float value = float(frame % 48007 + 1) / 48008.0f;
     return channel % 2 ? -value : value;
 }
 

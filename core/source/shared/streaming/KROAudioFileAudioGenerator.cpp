@@ -210,9 +210,9 @@ void KROAudioFileAudioGenerator::loadPlaybackBuffer(Buffer* buffer) {
     // ever holds the frames of its range or silence.
     loadBuffer_->setFrames(buffer->frames());
     audioFile_->getAudio(*loadBuffer_, static_cast<std::int64_t>(buffer->loadLocation()));
-    if (buffer->generation() != generation) {
-        return;
-    }
+    // When the range moved on during the read, these frames are not of the
+    // new range; they stay unready, and the load posted for the new range
+    // replaces them.
     buffer->copyFrames(NSMakeLongRange(0, loadBuffer_->frames()), *loadBuffer_, 0);
     buffer->markReady(generation);
 }

@@ -95,7 +95,8 @@ KROAudioFileWriterAudioProcessor::createResultURLWithExtension(const std::string
             number == 0 ? baseFilename_ : baseFilename_ + "-" + std::to_string(number);
         std::filesystem::path url = baseDirectory_ / name;
         if (!extension.empty()) {
-            url += "." + extension;
+            url += ".";
+            url += extension;
         }
         if (!kro::exists(url)) {
             return url;

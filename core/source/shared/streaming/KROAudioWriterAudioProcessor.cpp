@@ -24,7 +24,8 @@ std::string waveformKey(std::uint64_t channel, const std::string& className) {
 
 bool KROAudioWriterAudioProcessor::openFile(const std::string& key, KROErrorPtr* error) {
     std::filesystem::path url = baseDirectory_ / baseFilename_;
-    url += "." + key;
+    url += ".";
+    url += key;
     if (!kro::createFile(url, error)) {
         return false;
     }

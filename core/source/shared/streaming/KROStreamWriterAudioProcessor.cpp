@@ -129,8 +129,8 @@ KROStreamWriterAudioProcessor::waveformURLForClassName(const std::string& classN
         return {};
     }
     std::filesystem::path url = baseDirectory_ / baseFilename_;
-    url += "." +
-           KROStringWithFormatArguments("%02lu.%@", static_cast<unsigned long>(channel), className);
+    url += KROStringWithFormatArguments(".%02lu.%@", static_cast<unsigned long>(channel),
+                                        className);
     return url;
 }
 
@@ -221,10 +221,14 @@ void KROStreamWriterAudioProcessor::accumulateBuffer(const KROAudioBufferList& b
         buffer.setRange(fill);
         if (fill.location == buffer.frames()) {
             posted_[index].store(true, std::memory_order_release);
+            currentAccumulateBufferIndex_ = 1 - index;
             if (!KRODiskThreads::recording()->async(runWrite, nullptr, WriteRequest{this, index})) {
+                // The disk thread's queue is full: this buffer's frames are
+                // lost, and the buffer starts again empty.
+                framesDropped_.fetch_add(fill.location, std::memory_order_relaxed);
+                buffer.setRange(NSMakeLongRange(0, 0));
                 posted_[index].store(false, std::memory_order_release);
             }
-            currentAccumulateBufferIndex_ = 1 - index;
         }
         left -= count;
         source += count;
