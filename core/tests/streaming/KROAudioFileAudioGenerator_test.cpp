@@ -61,6 +61,10 @@ protected:
         head_->info()->setRunning(true);
     }
 
+    // A test that stopped with the gate closed must not leave the disk
+    // thread waiting.
+    void TearDown() override { GatedWAVEContent::allow(-1); }
+
     void build(std::vector<std::shared_ptr<KROAudioProcessor>> chain) {
         chain.insert(chain.begin(), generator_);
         chain.push_back(head_);
@@ -198,8 +202,14 @@ TEST_F(KROAudioFileAudioGeneratorTest, AJumpLandsOnAudioLoadedBeforeIt) {
     conductor->start();
     std::int64_t playhead = 100000;
     bool jumped = false;
-    for (int block = 0; block < 300; ++block) {
-        const KROAudioBufferList& out = renderBlock();
+    for (int block = 0; block < 200; ++block) {
+        // Once the buffer after the landmark's is laid out, the disk stops:
+        // only what was foreseen can play.
+        if (playhead > 150000 && !jumped) {
+            GatedWAVEContent::allow(0);
+        }
+        const KROAudioBufferList& out =
+            GatedWAVEContent::permits == 0 ? head_->renderBlock() : renderBlock();
         for (std::uint64_t frame = 0; frame < out.frames(); ++frame, ++playhead) {
             if (playhead == 168000) {
                 playhead = 48000;
@@ -209,6 +219,7 @@ TEST_F(KROAudioFileAudioGeneratorTest, AJumpLandsOnAudioLoadedBeforeIt) {
         }
     }
     EXPECT_TRUE(jumped);
+    GatedWAVEContent::allow(-1);
 }
 
 // An offline render reads the file itself, needs no ring laid out, and fades
