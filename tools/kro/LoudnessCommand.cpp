@@ -6,10 +6,11 @@
 #include <memory>
 #include <sstream>
 
+#include "AudioFileOpening.h"
 #include "JSONText.h"
+#include "KROAudioFileAudioGenerator.h"
 #include "LoudnessMeasurement.h"
 #include "ProgressBar.h"
-#include "SoundFileAudioGenerator.h"
 
 namespace {
 
@@ -75,13 +76,19 @@ LoudnessCommand::LoudnessCommand(CLI::App& app) {
 }
 
 int LoudnessCommand::run() const {
-    auto source = std::make_shared<SoundFileAudioGenerator>();
     std::string message;
-    if (!source->init() || !source->open(file_, message)) {
+    const auto content = openAudioFile(file_, message);
+    if (!content) {
         std::cerr << "kro: " << message << "\n";
         return 1;
     }
-    const FileFacts facts{source->sampleRate(), source->channels(), source->frames()};
+    auto reader = std::make_shared<KROAudioFileReader>();
+    reader->initWithFileContent(content);
+    auto source = std::make_shared<KROAudioFileAudioGenerator>();
+    source->init();
+    source->setAudioFile(reader);
+    const FileFacts facts{reader->sampleRate(),
+                          static_cast<std::uint32_t>(reader->numberOfChannels()), reader->frames()};
     LoudnessReport report;
     ProgressBar bar("Measuring");
     KROErrorPtr error;

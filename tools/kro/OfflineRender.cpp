@@ -2,46 +2,35 @@
 
 #include "KROAudioBufferList.h"
 #include "KROAudioConnection.h"
-#include "KROHeadAudioProcessor.h"
+#include "KROOfflineWriterAudioProcessor.h"
 
-// A render head that is not a device: it pulls when told, never in real time.
-class OfflineRenderHead : public KROHeadAudioProcessor {
+// The library's offline head, storing nothing: each block goes to the
+// observer.
+class OfflineRenderHead : public KROOfflineWriterAudioProcessor {
 public:
-    OfflineRenderHead(double sampleRate, std::uint32_t channels, std::uint64_t blockFrames)
-        : sampleRate_(sampleRate), channels_(channels), blockFrames_(blockFrames) {}
+    OfflineRenderHead(double sampleRate, std::uint32_t channels, std::uint64_t blockFrames) {
+        setSampleRate(sampleRate);
+        setNumberOfChannels(channels);
+        setRenderFrames(blockFrames);
+    }
 
-    bool initializeForRender(KROErrorPtr* error = nullptr) override {
-        buffer_ = KROAudioBufferList::bufferListWithChannels(channels_, blockFrames_, error);
-        if (!buffer_) {
-            return false;
+    bool initializeForRender(KROErrorPtr* error = nullptr) override { return prepareRender(error); }
+
+    OfflineRender::BlockObserver afterBlock;
+
+protected:
+    bool storeBlock(const KROAudioBufferList& block, KROErrorPtr* /*error*/) override {
+        done_ += block.frames();
+        if (afterBlock) {
+            afterBlock(block, done_);
         }
-        if (KROAudioConnection* connection = inputConnection()) {
-            connection->setSampleRate(sampleRate_);
-            connection->setNumberOfChannels(channels_);
-            connection->setMaxFrames(blockFrames_);
-        }
-        info()->setRealtime(false);
-        info()->setRunning(true);
-        info()->setSampleTime(0);
         return true;
     }
-    bool start(KROErrorPtr* /*error*/ = nullptr) override { return true; }
-    bool stop(KROErrorPtr* /*error*/ = nullptr) override { return true; }
-
-    const KROAudioBufferList& renderBlock(std::uint64_t frames) {
-        buffer_->setFrames(frames);
-        if (KROAudioInputBus* bus = inputBus()) {
-            bus->render(*buffer_, *info());
-        }
-        info()->setSampleTime(info()->sampleTime() + static_cast<std::int64_t>(frames));
-        return *buffer_;
-    }
+    bool finishWriting(KROErrorPtr* /*error*/) override { return true; }
+    void abandonWriting(KROErrorPtr* /*error*/) override {}
 
 private:
-    double sampleRate_;
-    std::uint32_t channels_;
-    std::uint64_t blockFrames_;
-    std::shared_ptr<KROAudioBufferList> buffer_;
+    std::uint64_t done_ = 0;
 };
 
 OfflineRender::OfflineRender(std::shared_ptr<KROAudioGenerator> source, double sampleRate,
@@ -76,17 +65,10 @@ bool OfflineRender::build(KROErrorPtr* error) {
 }
 
 bool OfflineRender::run(std::uint64_t frames, const BlockObserver& afterBlock, KROErrorPtr* error) {
-    if (!build(error)) {
+    head_->setRange(NSMakeDoubleRange(0.0, double(frames) / head_->sampleRate()));
+    head_->afterBlock = afterBlock;
+    if (!build(error) || !head_->start(error)) {
         return false;
-    }
-    const std::uint64_t blockFrames = head_->inputConnection()->maxFrames();
-    for (std::uint64_t done = 0; done < frames;) {
-        const std::uint64_t length = std::min(blockFrames, frames - done);
-        const KROAudioBufferList& block = head_->renderBlock(length);
-        done += length;
-        if (afterBlock) {
-            afterBlock(block, done);
-        }
     }
     return stream_.uninitialize(error);
 }

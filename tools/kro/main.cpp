@@ -9,7 +9,9 @@
 #include "InfoCommand.h"
 #include "KROCore.h"
 #include "LoudnessCommand.h"
+#include "OverviewCommand.h"
 #include "PlayCommand.h"
+#include "RenderCommand.h"
 
 namespace {
 
@@ -54,6 +56,8 @@ int main(int argc, char** argv) {
     ConvertCommand convert(app);
     LoudnessCommand loudness(app);
     PlayCommand play(app);
+    RenderCommand render(app);
+    OverviewCommand overview(app);
 
     CLI11_PARSE(app, argc, argv);
 
@@ -65,6 +69,12 @@ int main(int argc, char** argv) {
     }
     if (play.parsed()) {
         return play.run();
+    }
+    if (overview.parsed()) {
+        return overview.run();
+    }
+    if (render.parsed()) {
+        return render.run();
     }
     if (format.parsed()) {
         return format.run();

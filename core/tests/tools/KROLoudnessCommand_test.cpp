@@ -148,8 +148,7 @@ TEST(KROLoudnessCommand, TextAndFailures) {
              "\"range\":0,\"momentaryMaximum\":-96,\"shortTermMaximum\":-96,\"samplePeak\":null}"
              "\n"},
         {"loudness '" + notAudio.string() + "'", 1,
-         "kro: The file " + notAudio.string() +
-             " could not be read as audio: Format not recognised.\n"},
+         "kro: \"" + notAudio.string() + "\" is in no audio file format that kro reads.\n"},
         {"loudness /nonexistent.wav", 105,
          "file: File does not exist: /nonexistent.wav\nRun with --help for more information.\n"},
     };
