@@ -3,6 +3,7 @@
 
 #include <iostream>
 
+#include "AnalyzeCommand.h"
 #include "ConvertCommand.h"
 #include "DevicesCommand.h"
 #include "FormatCommand.h"
@@ -53,6 +54,7 @@ int main(int argc, char** argv) {
     InfoCommand info(app);
     ConvertCommand convert(app);
     LoudnessCommand loudness(app);
+    AnalyzeCommand analyze(app);
     PlayCommand play(app);
 
     CLI11_PARSE(app, argc, argv);
@@ -77,6 +79,9 @@ int main(int argc, char** argv) {
     }
     if (loudness.parsed()) {
         return loudness.run();
+    }
+    if (analyze.parsed()) {
+        return analyze.run();
     }
     std::cout << app.help();
     return 0;
