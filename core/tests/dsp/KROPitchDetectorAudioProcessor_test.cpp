@@ -43,7 +43,7 @@ struct Tracker {
     void feed(const std::vector<float>& samples, std::int32_t block = 512) {
         for (std::size_t at = 0; at < samples.size(); at += std::size_t(block)) {
             const auto count = std::int32_t(std::min<std::size_t>(block, samples.size() - at));
-            ko_sst__process_input_samples(context, samples.data() + at, count, 0);
+            ko_sst__process_input_samples(context, samples.data() + at, count, std::int64_t(at));
         }
     }
     ko_sst_t* context = nullptr;
@@ -158,6 +158,11 @@ TEST(ko_sst, StepsEventsAndSilence) {
             EXPECT_EQ(result.level, 0.0f);
             EXPECT_EQ(result.event, 0);
         }
+        // Half a step before the last position of the call before.
+        if (block == 1024) {
+            EXPECT_EQ(tracker.results[0].position, 2046 - 512);
+            EXPECT_EQ(tracker.results[3].position, 3071 - 512);
+        }
     }
 
     std::vector<float> glide(44100);
@@ -271,6 +276,24 @@ TEST(KROPitchDetectorAudioProcessor, PublishesTheSmoothedSemitoneAndPower) {
     // Mean square 0.125: level log2 = -3, shown as 10^(-3/20).
     EXPECT_NEAR(detector->power(), std::pow(10.0f, -3.0f / 20.0f), 1e-3f);
 
+    // Within one semitone the fractions of the ring's mean and of the value
+    // shown are averaged; a new semitone is shown as the mean.
+    detector->setSemitoneSmoothingEnabled(true);
+    for (int i = 0; i < 10; ++i) {
+        detector->didDetectSemitone(0.0f);
+    }
+    for (int i = 0; i < 6; ++i) {
+        detector->didDetectSemitone(60.2f);
+    }
+    const float mean = (6 * 60.2f + 60.4f) / 7;
+    const float second = (mean + 60.2f) / 2, third = (mean + second) / 2;
+    const std::pair<float, float> detectedAndShown[] = {
+        {60.4f, second}, {62.0f, third}, {0.0f, (mean + third) / 2}};
+    for (const auto& [detected, shown] : detectedAndShown) {
+        detector->didDetectSemitone(detected);
+        EXPECT_NEAR(detector->semitone(), shown, 1e-5f) << detected;
+    }
+    detector->setSemitoneSmoothingEnabled(false);
     const float before = detector->power();
     detector->setPowerSmoothingEnabled(true);
     publishedSteps(chain, std::vector<float>(1024, 0.0f));

@@ -141,9 +141,6 @@ void koq::setRequestedScalars(const float* scalars) {
     const std::uint32_t half = n / 2;
     KROFFT& fft = *me->fft_setup;
     for (std::uint32_t k = 0; k <= half; ++k) {
-        if (!std::isfinite(scalars[k])) {
-            return;
-        }
         fft.real()[k] = scalars[k];
         fft.imaginary()[k] = 0.0f;
     }
@@ -155,6 +152,8 @@ void koq::setRequestedScalars(const float* scalars) {
         requested[half + i] = fft.time()[i] * scale;
         requested[i] = fft.time()[half + i] * scale;
     }
+    // A value that is not finite, or one so large that the energy overflows,
+    // leaves an energy that is not finite: nothing is designed.
     const float energy = kro_svesq(requested.data(), n);
     if (!std::isfinite(energy)) {
         return;
