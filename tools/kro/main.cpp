@@ -3,6 +3,7 @@
 
 #include <iostream>
 
+#include "AnalyzeCommand.h"
 #include "ConvertCommand.h"
 #include "DevicesCommand.h"
 #include "FormatCommand.h"
@@ -55,6 +56,7 @@ int main(int argc, char** argv) {
     InfoCommand info(app);
     ConvertCommand convert(app);
     LoudnessCommand loudness(app);
+    AnalyzeCommand analyze(app);
     PlayCommand play(app);
     RenderCommand render(app);
     OverviewCommand overview(app);
@@ -87,6 +89,9 @@ int main(int argc, char** argv) {
     }
     if (loudness.parsed()) {
         return loudness.run();
+    }
+    if (analyze.parsed()) {
+        return analyze.run();
     }
     std::cout << app.help();
     return 0;

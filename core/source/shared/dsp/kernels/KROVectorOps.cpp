@@ -299,3 +299,45 @@ void kro_vlint(const float* t, const float* b, float* c, std::size_t n, std::siz
     }
 }
 }
+
+KRO_VECTOR_LOOP float kro_dotpr(const float* a, const float* b, std::size_t n) {
+    float partial[kLanes] = {};
+    std::size_t i = 0;
+    for (; i + kLanes <= n; i += kLanes) {
+#pragma omp simd
+        for (std::size_t lane = 0; lane < kLanes; ++lane) {
+            partial[lane] += a[i + lane] * b[i + lane];
+        }
+    }
+    float sum = 0.0f;
+#pragma omp simd reduction(+ : sum)
+    for (std::size_t lane = 0; lane < kLanes; ++lane) {
+        sum += partial[lane];
+    }
+    for (; i < n; ++i) {
+        sum += a[i] * b[i];
+    }
+    return sum;
+}
+
+void kro_hann_window(float* c, std::size_t n) {
+    const double step = 2.0 * M_PI / double(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        c[i] = float(0.5 * (1.0 - std::cos(step * double(i))));
+    }
+}
+
+void kro_vswsum(const float* a, float* c, std::size_t n, std::size_t p) {
+    if (n == 0) {
+        return;
+    }
+    double sum = 0.0;
+    for (std::size_t j = 0; j < p; ++j) {
+        sum += a[j];
+    }
+    c[0] = float(sum);
+    for (std::size_t i = 1; i < n; ++i) {
+        sum += double(a[i + p - 1]) - double(a[i - 1]);
+        c[i] = float(sum);
+    }
+}

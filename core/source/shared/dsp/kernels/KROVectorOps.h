@@ -102,4 +102,18 @@ void kro_conv(const float* a, const float* f, float* c, std::size_t n, std::size
 // position at or past m - 1 reads the last entry and one below 0 the first,
 // so no position reads outside the table. m must be at least 1.
 void kro_vlint(const float* t, const float* b, float* c, std::size_t n, std::size_t m);
+
+// The loops of the equaliser and the pitch tracker.
+
+// vDSP_dotpr: sum(a[i] * b[i]); 0 for n = 0.
+float kro_dotpr(const float* a, const float* b, std::size_t n);
+
+// vDSP_hann_window, denormalised: c[i] = 0.5 * (1 - cos(2 pi i / n)), whose
+// peak of 1.0 stands at i = n / 2.
+void kro_hann_window(float* c, std::size_t n);
+
+// vDSP_vswsum: c[i] = sum of a[i .. i + p - 1], for i < n; a holds n + p - 1
+// elements. Each sum is carried on from the one before, in double so that
+// the error carried along stays far below a float's.
+void kro_vswsum(const float* a, float* c, std::size_t n, std::size_t p);
 }
