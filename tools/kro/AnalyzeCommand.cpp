@@ -6,11 +6,11 @@
 #include <memory>
 #include <sstream>
 
+#include "AudioFileOpening.h"
 #include "JSONText.h"
 #include "LoudnessMeasurement.h"
 #include "ProgressBar.h"
 #include "SignalAnalysis.h"
-#include "SoundFileAudioGenerator.h"
 
 namespace {
 
@@ -115,15 +115,18 @@ void printJSON(const std::string& file, const Analysis& a) {
     std::cout << "]}\n";
 }
 
-// A fresh reader of the file for each pass; false with the message printed.
-std::shared_ptr<SoundFileAudioGenerator> openSource(const std::string& file) {
-    auto source = std::make_shared<SoundFileAudioGenerator>();
+// A fresh reader of the file for each pass; null with the message printed.
+std::shared_ptr<KROAudioGenerator> openSource(const std::string& file, Analysis& analysis) {
     std::string message;
-    if (!source->init() || !source->open(file, message)) {
+    const auto source = openAudioFileSource(file, message);
+    if (!source) {
         std::cerr << "kro: " << message << "\n";
         return nullptr;
     }
-    return source;
+    analysis.sampleRate = source->sampleRate;
+    analysis.channels = source->channels;
+    analysis.frames = source->frames;
+    return source->generator;
 }
 
 } // namespace
@@ -144,21 +147,18 @@ AnalyzeCommand::AnalyzeCommand(CLI::App& app) {
 }
 
 int AnalyzeCommand::run() const {
-    auto source = openSource(file_);
+    Analysis analysis;
+    auto source = openSource(file_, analysis);
     if (!source) {
         return 1;
     }
-    Analysis analysis;
-    analysis.sampleRate = source->sampleRate();
-    analysis.channels = source->channels();
-    analysis.frames = source->frames();
     ProgressBar bar("Analysing");
     KROErrorPtr error;
     bool measured = LoudnessMeasurement::measure(
         source, analysis.sampleRate, analysis.channels, analysis.frames, analysis.loudness,
         [&bar](double fraction) { bar.update(fraction * 0.5); }, &error);
     if (measured) {
-        source = openSource(file_);
+        source = openSource(file_, analysis);
         measured =
             source &&
             SignalAnalysis::measure(

@@ -26,6 +26,22 @@ std::shared_ptr<KROAudioFileContent> openAudioFile(const std::string& path, std:
     return content;
 }
 
+std::optional<AudioFileSource> openAudioFileSource(const std::string& path,
+                                                   std::string& message) {
+    const auto content = openAudioFile(path, message);
+    if (!content) {
+        return std::nullopt;
+    }
+    auto reader = std::make_shared<KROAudioFileReader>();
+    reader->initWithFileContent(content);
+    AudioFileSource source{std::make_shared<KROAudioFileAudioGenerator>(), reader->sampleRate(),
+                           static_cast<std::uint32_t>(reader->numberOfChannels()),
+                           reader->frames()};
+    source.generator->init();
+    source.generator->setAudioFile(reader);
+    return source;
+}
+
 std::string sampleFormatText(const KROAudioFileContent& content) {
     const std::string bits = std::to_string(content.bitDepth()) + "-bit ";
     if (content.encoding() == kro::fourCC("ulaw")) {

@@ -8,7 +8,6 @@
 
 #include "AudioFileOpening.h"
 #include "JSONText.h"
-#include "KROAudioFileAudioGenerator.h"
 #include "LoudnessMeasurement.h"
 #include "ProgressBar.h"
 
@@ -77,23 +76,17 @@ LoudnessCommand::LoudnessCommand(CLI::App& app) {
 
 int LoudnessCommand::run() const {
     std::string message;
-    const auto content = openAudioFile(file_, message);
-    if (!content) {
+    const auto source = openAudioFileSource(file_, message);
+    if (!source) {
         std::cerr << "kro: " << message << "\n";
         return 1;
     }
-    auto reader = std::make_shared<KROAudioFileReader>();
-    reader->initWithFileContent(content);
-    auto source = std::make_shared<KROAudioFileAudioGenerator>();
-    source->init();
-    source->setAudioFile(reader);
-    const FileFacts facts{reader->sampleRate(),
-                          static_cast<std::uint32_t>(reader->numberOfChannels()), reader->frames()};
+    const FileFacts facts{source->sampleRate, source->channels, source->frames};
     LoudnessReport report;
     ProgressBar bar("Measuring");
     KROErrorPtr error;
     if (!LoudnessMeasurement::measure(
-            source, facts.sampleRate, facts.channels, facts.frames, report,
+            source->generator, facts.sampleRate, facts.channels, facts.frames, report,
             [&bar](double fraction) { bar.update(fraction); }, &error)) {
         bar.finish();
         std::cerr << "kro: "

@@ -115,8 +115,7 @@ TEST(KROAnalyzeCommand, TextAndFailures) {
                            "  Loudness range:           0.0 LU\n"
                            "  Pitch of channel 1: none found\n"},
         {"analyze '" + notAudio.string() + "'", 1,
-         "kro: The file " + notAudio.string() +
-             " could not be read as audio: Format not recognised.\n"},
+         "kro: \"" + notAudio.string() + "\" is in no audio file format that kro reads.\n"},
     };
     for (const auto& [arguments, status, output] : cases) {
         SCOPED_TRACE(arguments);
