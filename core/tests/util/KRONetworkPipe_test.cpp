@@ -47,9 +47,10 @@ struct Recorder : KRONetworkPipeDelegate {
     std::function<void(const KROData&)> onMessage;
 };
 
-// Runs the thread's loop until done() holds; false after 30 s without.
-bool runUntil(const std::function<bool()>& done) {
-    const auto deadline = Clock::now() + std::chrono::seconds(30);
+// Runs the thread's loop until done() holds; false when it does not in time.
+bool runUntil(const std::function<bool()>& done,
+              std::chrono::seconds limit = std::chrono::seconds(30)) {
+    const auto deadline = Clock::now() + limit;
     while (!done()) {
         if (Clock::now() > deadline) {
             return false;
@@ -254,8 +255,9 @@ TEST(KRONetworkPipe, CarriesManyMessagesOfRandomSizesBothWays) {
             direction.sendOne();
         }
     }
-    ASSERT_TRUE(runUntil(
-        [&] { return directions[0].received == count && directions[1].received == count; }));
+    ASSERT_TRUE(
+        runUntil([&] { return directions[0].received == count && directions[1].received == count; },
+                 std::chrono::seconds(30 + count)));
     for (const Direction& direction : directions) {
         EXPECT_EQ(direction.wrong, 0u);
         EXPECT_EQ(direction.recorder.disconnects, 0);
