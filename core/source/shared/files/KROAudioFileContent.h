@@ -24,6 +24,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -208,6 +209,10 @@ public:
     static std::string camelCaseForSnakeCase(std::string_view snakeCase);
 
 protected:
+    // Whether the URL names an existing regular file whose first bytes are
+    // the magic: how most handlers recognise their files.
+    static bool fileStartsWith(const std::filesystem::path& url, std::string_view magic);
+
     // ---- Failures
 
     // An error of the handler's own family; each handler returns its
@@ -268,6 +273,19 @@ protected:
     std::uint64_t audioDataLengthOfFrames(std::uint64_t frames) const;
     // Closes the file, which stays at URL.
     void closeFileWriter() { fileWriter_.reset(); }
+
+    // ---- Labels and metadata
+
+    // Adds the "region" labels of a 'regn' chunk (a 64-bit count, then
+    // records of 88 bytes: start and end frames at 12 and 20, a Pascal name
+    // at 52), in the chunk's byte order. A count above the maximum gives none.
+    void readRegionChunk(const KROAudioFileChunk& chunk, std::uint64_t maximumCount);
+
+    // Seconds to frames as labels are written: rounded.
+    std::int64_t framesOfSeconds(double seconds) const;
+    // Whether any label has the type.
+    bool hasLabelOfType(std::string_view type) const;
+    bool hasAnyMetadataKey(std::span<const char* const> keys) const;
 
     // ---- What handlers of bytes share
 

@@ -4,12 +4,12 @@
 #include <array>
 #include <cmath>
 #include <ctime>
-#include <fstream>
 #include <limits>
 #include <optional>
 #include <utility>
 
 #include "KROAudioFileChunk.h"
+#include "KROAudioFileFieldValues.h"
 #include "KROClassRegistry.h"
 #include "KROError.h"
 #include "KROStringHelpers.h"
@@ -20,19 +20,19 @@ KRO_REGISTER_CLASS(KROAudioFileWAVEContent, KROAudioFileContent)
 
 namespace {
 
+using kro::clamped;
 using kro::fourCC;
+using kro::instrumentKeys;
+using kro::musicalKeys;
+using kro::saturated;
 
 // ---------------------------------------------------------------- tables
 
 constexpr std::array<const char*, 8> broadcastKeys = {
     "description",     "originator",    "originatorReference", "originationDate",
     "originationTime", "timeReference", "smpteUMID",           "codingHistory"};
-constexpr std::array<const char*, 7> instrumentKeys = {
-    "baseNote", "detune", "gain", "lowNote", "highNote", "lowVelocity", "highVelocity"};
 constexpr std::array<const char*, 6> acidKeys = {"playbackType",   "musicalKey",       "beats",
                                                  "meterNumerator", "meterDenominator", "tempo"};
-constexpr std::array<const char*, 12> musicalKeys = {"C",  "C#", "D",  "Eb", "E",  "F",
-                                                     "F#", "G",  "Ab", "A",  "Bb", "B"};
 
 struct InfoEntry {
     std::uint32_t code;
@@ -146,23 +146,6 @@ std::string textOf(const KROPropertyList& value) {
     return value.description();
 }
 
-// A number as an integer of the type, truncated; values beyond its range
-// give its ends and NaN gives 0, where a plain conversion is undefined.
-template <typename Integer> Integer saturated(double value) {
-    constexpr auto low = static_cast<double>(std::numeric_limits<Integer>::min());
-    constexpr auto high = static_cast<double>(std::numeric_limits<Integer>::max());
-    if (std::isnan(value)) {
-        return 0;
-    }
-    return value <= low    ? std::numeric_limits<Integer>::min()
-           : value >= high ? std::numeric_limits<Integer>::max()
-                           : static_cast<Integer>(value);
-}
-
-template <typename Integer> Integer clamped(Integer value, Integer low, Integer high) {
-    return std::min(std::max(value, low), high);
-}
-
 // The subchunks of a LIST chunk, from offset 4: code, size, contents.
 // An odd step (size + 8 + offset) takes the pad byte with it.
 template <typename Visit> void forEachSubchunk(const KROAudioFileChunk& list, Visit visit) {
@@ -193,13 +176,7 @@ std::string KROAudioFileWAVEContent::extension() const {
 }
 
 bool KROAudioFileWAVEContent::supportsURL(const std::filesystem::path& url) const {
-    std::error_code ignored;
-    if (!std::filesystem::is_regular_file(url, ignored)) {
-        return false;
-    }
-    std::ifstream file(url, std::ios::binary);
-    char magic[4] = {};
-    return file.read(magic, sizeof magic) && std::string_view(magic, 4) == "RIFF";
+    return fileStartsWith(url, "RIFF");
 }
 
 KROErrorPtr KROAudioFileWAVEContent::errorWithCode(std::int64_t code,
@@ -246,7 +223,7 @@ bool KROAudioFileWAVEContent::parse(KROErrorPtr* error) {
         readInstrumentChunk(*chunk);
     }
     if (const auto chunk = chunks.chunkOfType(fourCC("regn"))) {
-        readRegionChunk(*chunk);
+        readRegionChunk(*chunk, std::numeric_limits<std::uint64_t>::max());
     }
     if (const auto chunk = chunks.chunkOfType(fourCC("cue "))) {
         readCueChunk(*chunk);
@@ -328,27 +305,6 @@ void KROAudioFileWAVEContent::readInstrumentChunk(const KROAudioFileChunk& chunk
     metadata().setObjectForKey("highNote", clamped<std::int64_t>(byte(4), 0, 127));
     metadata().setObjectForKey("lowVelocity", clamped<std::int64_t>(byte(5), 0, 127));
     metadata().setObjectForKey("highVelocity", clamped<std::int64_t>(byte(6), 0, 127));
-}
-
-void KROAudioFileWAVEContent::readRegionChunk(const KROAudioFileChunk& chunk) {
-    constexpr std::uint64_t recordSize = 88;
-    if (chunk.dataLength() < 8) {
-        return;
-    }
-    const auto count = static_cast<std::uint64_t>(chunk.longLongValueAtPosition(0));
-    for (std::uint64_t index = 0;
-         index < count && 8 + (index + 1) * recordSize <= chunk.dataLength(); ++index) {
-        const std::uint64_t record = 8 + index * recordSize;
-        const auto start = static_cast<double>(chunk.longLongValueAtPosition(record + 12));
-        const auto end = static_cast<double>(chunk.longLongValueAtPosition(record + 20));
-        auto label = KROAudioLabel::labelOfType("region");
-        label->setLocation(start / sampleRate());
-        label->setLength((end - start) / sampleRate());
-        if (auto name = chunk.pascalStringAtPosition(record + 52)) {
-            label->setValueForUndefinedKey(KROPropertyList(std::move(*name)), "name");
-        }
-        labels().push_back(std::move(label));
-    }
 }
 
 void KROAudioFileWAVEContent::readCueChunk(const KROAudioFileChunk& chunk) {
@@ -961,20 +917,4 @@ bool KROAudioFileWAVEContent::writeSliceChunk(KROAudioFileChunk& chunk, KROError
         }
     }
     return chunk.appendToFile(error);
-}
-
-// ---------------------------------------------------------------- helpers
-
-std::int64_t KROAudioFileWAVEContent::framesOfSeconds(double seconds) const {
-    return saturated<std::int64_t>(std::round(seconds * sampleRate()));
-}
-
-bool KROAudioFileWAVEContent::hasLabelOfType(std::string_view type) const {
-    return std::any_of(labels().begin(), labels().end(),
-                       [type](const auto& label) { return label->type() == type; });
-}
-
-bool KROAudioFileWAVEContent::hasAnyMetadataKey(std::span<const char* const> keys) const {
-    return std::any_of(keys.begin(), keys.end(),
-                       [this](const char* key) { return metadata().objectForKey(key) != nullptr; });
 }

@@ -12,7 +12,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -58,7 +57,6 @@ private:
     // ---- Reading, one chunk each; the chunk list gives what they need.
     bool readFormatChunk(const KROAudioFileChunk& chunk, KROErrorPtr* error);
     void readInstrumentChunk(const KROAudioFileChunk& chunk);
-    void readRegionChunk(const KROAudioFileChunk& chunk);
     void readCueChunk(const KROAudioFileChunk& chunk);
     void readLabelTexts(const KROAudioFileChunk& list);
     void readSamplerChunk(const KROAudioFileChunk& chunk);
@@ -81,10 +79,4 @@ private:
     bool writeEBUChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
     bool writeAcidChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
     bool writeSliceChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
-
-    // Seconds to frames as labels are written: rounded.
-    std::int64_t framesOfSeconds(double seconds) const;
-    // Whether any label has the type.
-    bool hasLabelOfType(std::string_view type) const;
-    bool hasAnyMetadataKey(std::span<const char* const> keys) const;
 };
