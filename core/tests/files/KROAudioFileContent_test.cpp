@@ -57,10 +57,10 @@ std::shared_ptr<KROTestWAVEContent> writerFor(const fs::path& directory, std::ui
 // Handlers of later builds are stand-ins that take no file and no format.
 TEST(KROAudioFileContent, HandlersStillToComeAreHeldByStandIns) {
     const std::vector<std::string> stillToCome = {
-        "KROAudioFileCAFContent",    "KROAudioFileSFILContent", "KROAudioFileAUContent",
-        "KROAudioFileWAV64Content",  "KROAudioFileMP3Content",  "KROAudioFileM4AContent",
-        "KROAudioFileVorbisContent", "KROAudioFileFLACContent", "KROAudioFileVOXContent",
-        "KROAudioFileDDPContent",    "KROAudioFileSDIIContent",
+        "KROAudioFileCAFContent",  "KROAudioFileSFILContent", "KROAudioFileAUContent",
+        "KROAudioFileMP3Content",  "KROAudioFileM4AContent",  "KROAudioFileVorbisContent",
+        "KROAudioFileFLACContent", "KROAudioFileVOXContent",  "KROAudioFileDDPContent",
+        "KROAudioFileSDIIContent",
     };
     std::vector<std::string> standIns;
     for (const auto& handler : KROAudioFileContent::fileContentClasses()) {

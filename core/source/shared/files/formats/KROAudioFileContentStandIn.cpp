@@ -4,10 +4,10 @@
 
 const std::vector<std::string>& KROAudioFileContentStandIn::standInNames() {
     static const std::vector<std::string> names = {
-        "KROAudioFileCAFContent",    "KROAudioFileSFILContent", "KROAudioFileAUContent",
-        "KROAudioFileWAV64Content",  "KROAudioFileMP3Content",  "KROAudioFileM4AContent",
-        "KROAudioFileVorbisContent", "KROAudioFileFLACContent", "KROAudioFileVOXContent",
-        "KROAudioFileDDPContent",    "KROAudioFileSDIIContent",
+        "KROAudioFileCAFContent",  "KROAudioFileSFILContent", "KROAudioFileAUContent",
+        "KROAudioFileMP3Content",  "KROAudioFileM4AContent",  "KROAudioFileVorbisContent",
+        "KROAudioFileFLACContent", "KROAudioFileVOXContent",  "KROAudioFileDDPContent",
+        "KROAudioFileSDIIContent",
     };
     return names;
 }

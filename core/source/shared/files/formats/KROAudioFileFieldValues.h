@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <limits>
 
+#include "KROStringHelpers.h"
+
 namespace kro {
 
 // A number as an integer of the type, truncated; values beyond its range
@@ -33,5 +35,34 @@ constexpr std::array<const char*, 12> musicalKeys = {"C",  "C#", "D",  "Eb", "E"
 // The instrument keys of sampler chunks, in the order of the WAVE 'inst' chunk.
 constexpr std::array<const char*, 7> instrumentKeys = {
     "baseNote", "detune", "gain", "lowNote", "highNote", "lowVelocity", "highVelocity"};
+
+struct InfoEntry {
+    std::uint32_t code;
+    const char* key;
+};
+// The texts of a RIFF INFO list, in the order in which they are written.
+constexpr std::array<InfoEntry, 21> infoEntries = {{
+    {fourCC("INAM"), "name"},
+    {fourCC("IGNR"), "genre"},
+    {fourCC("IKEY"), "keywords"},
+    {fourCC("IAUT"), "author"},
+    {fourCC("IART"), "originalArtist"},
+    {fourCC("IMED"), "originalMedium"},
+    {fourCC("IDIM"), "originalDimensions"},
+    {fourCC("ISRF"), "digitizationSource"},
+    {fourCC("ICMS"), "commissionedBy"},
+    {fourCC("ISRC"), "sourceSupplier"},
+    {fourCC("IENG"), "engineers"},
+    {fourCC("ITCH"), "digitizer"},
+    {fourCC("ICRP"), "cropped"},
+    {fourCC("IARL"), "archivalLocation"},
+    {fourCC("IPRD"), "product"},
+    {fourCC("ICOP"), "copyright"},
+    {fourCC("ISFT"), "softwarePackage"},
+    {fourCC("ICRD"), "creationDate"},
+    {fourCC("ICMT"), "comments"},
+    {fourCC("IANN"), "annotation"},
+    {fourCC("ISBJ"), "subject"},
+}};
 
 } // namespace kro

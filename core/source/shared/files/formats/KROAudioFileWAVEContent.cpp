@@ -22,6 +22,8 @@ namespace {
 
 using kro::clamped;
 using kro::fourCC;
+using kro::infoEntries;
+using kro::InfoEntry;
 using kro::instrumentKeys;
 using kro::musicalKeys;
 using kro::saturated;
@@ -33,35 +35,6 @@ constexpr std::array<const char*, 8> broadcastKeys = {
     "originationTime", "timeReference", "smpteUMID",           "codingHistory"};
 constexpr std::array<const char*, 6> acidKeys = {"playbackType",   "musicalKey",       "beats",
                                                  "meterNumerator", "meterDenominator", "tempo"};
-
-struct InfoEntry {
-    std::uint32_t code;
-    const char* key;
-};
-// In the order in which they are written.
-constexpr std::array<InfoEntry, 21> infoEntries = {{
-    {fourCC("INAM"), "name"},
-    {fourCC("IGNR"), "genre"},
-    {fourCC("IKEY"), "keywords"},
-    {fourCC("IAUT"), "author"},
-    {fourCC("IART"), "originalArtist"},
-    {fourCC("IMED"), "originalMedium"},
-    {fourCC("IDIM"), "originalDimensions"},
-    {fourCC("ISRF"), "digitizationSource"},
-    {fourCC("ICMS"), "commissionedBy"},
-    {fourCC("ISRC"), "sourceSupplier"},
-    {fourCC("IENG"), "engineers"},
-    {fourCC("ITCH"), "digitizer"},
-    {fourCC("ICRP"), "cropped"},
-    {fourCC("IARL"), "archivalLocation"},
-    {fourCC("IPRD"), "product"},
-    {fourCC("ICOP"), "copyright"},
-    {fourCC("ISFT"), "softwarePackage"},
-    {fourCC("ICRD"), "creationDate"},
-    {fourCC("ICMT"), "comments"},
-    {fourCC("IANN"), "annotation"},
-    {fourCC("ISBJ"), "subject"},
-}};
 
 struct CartText {
     const char* key;
@@ -535,6 +508,11 @@ void KROAudioFileWAVEContent::readInfoList(const KROAudioFileChunk& list) {
 
 // ---------------------------------------------------------------- writing
 
+void KROAudioFileWAVEContent::startChunk(KROAudioFileChunk& chunk, std::uint32_t code) const {
+    chunk.reset();
+    chunk.setType(code);
+}
+
 bool KROAudioFileWAVEContent::beginWrite(KROErrorPtr* error) {
     if (encoding() == fourCC("ulaw")) {
         setBitDepth(8);
@@ -606,8 +584,7 @@ bool KROAudioFileWAVEContent::writeFormatChunk(KROAudioFileChunk& chunk, KROErro
     const std::int16_t tag = encoding() == fourCC("ulaw") ? 7 : isFloatingPoint() ? 3 : 1;
     const auto rate = static_cast<std::uint32_t>(saturated<std::int64_t>(sampleRate()));
     const auto blockAlign = static_cast<std::uint32_t>((bitDepth() >> 3) * numberOfChannels());
-    chunk.reset();
-    chunk.setType(fourCC("fmt "));
+    startChunk(chunk, fourCC("fmt "));
     chunk.appendShort(tag);
     chunk.appendShort(static_cast<std::int16_t>(numberOfChannels()));
     chunk.appendInt(static_cast<std::int32_t>(rate));
@@ -628,8 +605,7 @@ bool KROAudioFileWAVEContent::writeBroadcastChunk(KROAudioFileChunk& chunk, KROE
             value ? std::optional(dateText(*value, form)) : std::nullopt;
         chunk.appendStringOfSize(text ? &*text : nullptr, size);
     };
-    chunk.reset();
-    chunk.setType(fourCC("bext"));
+    startChunk(chunk, fourCC("bext"));
     chunk.appendAsCStringOfSize(values.objectForKey("description"), 256);
     chunk.appendAsCStringOfSize(values.objectForKey("originator"), 32);
     chunk.appendAsCStringOfSize(values.objectForKey("originatorReference"), 32);
@@ -676,8 +652,7 @@ bool KROAudioFileWAVEContent::writeIXMLChunk(KROAudioFileChunk& chunk, KROErrorP
     if (!hasIXMLMetadata()) {
         return true;
     }
-    chunk.reset();
-    chunk.setType(fourCC("iXML"));
+    startChunk(chunk, fourCC("iXML"));
     appendIXMLToChunk(chunk);
     return chunk.appendToFile(error);
 }
@@ -696,8 +671,7 @@ bool KROAudioFileWAVEContent::writeSamplerChunk(KROAudioFileChunk& chunk, KROErr
             loops.push_back(label.get());
         }
     }
-    chunk.reset();
-    chunk.setType(fourCC("smpl"));
+    startChunk(chunk, fourCC("smpl"));
     chunk.appendInt(0);
     chunk.appendInt(0);
     chunk.appendInt(saturated<std::int32_t>(1000000000.0 / sampleRate()));
@@ -874,8 +848,7 @@ bool KROAudioFileWAVEContent::writeAcidChunk(KROAudioFileChunk& chunk, KROErrorP
     const auto keyIndex =
         keyName ? std::find(musicalKeys.begin(), musicalKeys.end(), *keyName) - musicalKeys.begin()
                 : 0;
-    chunk.reset();
-    chunk.setType(fourCC("acid"));
+    startChunk(chunk, fourCC("acid"));
     chunk.appendInt((oneShot ? 1 : 0) | (key ? 2 : 0));
     chunk.appendShort(static_cast<std::int16_t>(key ? keyIndex + 48 : 0));
     chunk.appendShort(static_cast<std::int16_t>(0x8000));
@@ -904,8 +877,7 @@ bool KROAudioFileWAVEContent::writeSliceChunk(KROAudioFileChunk& chunk, KROError
         return true;
     }
     std::stable_sort(slices.begin(), slices.end());
-    chunk.reset();
-    chunk.setType(fourCC("strc"));
+    startChunk(chunk, fourCC("strc"));
     for (const std::int32_t value :
          {28, static_cast<std::int32_t>(slices.size()), 65, 5, 1, 0, 0}) {
         chunk.appendInt(value);
