@@ -191,6 +191,8 @@ public:
 } // namespace
 
 int main(int argc, char** argv) {
+    // Made before any timing starts.
+    files();
     registerBenchmarks();
     RatioReporter reporter;
     return KRORunBenchmarks(argc, argv, reporter);
