@@ -208,6 +208,10 @@ AudioFormatFlags KROAudioFileContent::audioDataFormatFlags() const {
     return flags;
 }
 
+AudioFormatFlags KROAudioFileContent::signedAudioDataFormatFlags() const {
+    return KROAudioFileContent::audioDataFormatFlags() | kAudioFormatFlagIsSignedInteger;
+}
+
 std::shared_ptr<KROAudioStreamDescription> KROAudioFileContent::audioDataDescription() const {
     auto description =
         KROAudioStreamDescription::descriptionWithSampleRate(sampleRate_, numberOfChannels_);

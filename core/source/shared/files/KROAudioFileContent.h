@@ -242,6 +242,9 @@ protected:
     // big-endian when audioDataByteOrder is 2. A handler whose format says
     // otherwise overrides it.
     virtual AudioFormatFlags audioDataFormatFlags() const;
+    // The flags of formats whose integers are signed at every depth, 8 bits
+    // included (AIFF, AU): signed, plus float and big-endian as the base has them.
+    AudioFormatFlags signedAudioDataFormatFlags() const;
     // The interleaved samples of the file as a stream description.
     std::shared_ptr<KROAudioStreamDescription> audioDataDescription() const;
     // getAudio of a handler whose samples are a block of fixed-size frames

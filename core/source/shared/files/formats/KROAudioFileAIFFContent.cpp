@@ -121,14 +121,7 @@ KROErrorPtr KROAudioFileAIFFContent::errorWithCode(std::int64_t code,
 }
 
 AudioFormatFlags KROAudioFileAIFFContent::audioDataFormatFlags() const {
-    AudioFormatFlags flags = kAudioFormatFlagIsSignedInteger;
-    if (isFloatingPoint()) {
-        flags |= kAudioFormatFlagIsFloat;
-    }
-    if (audioDataByteOrder() == KROAudioFileChunk::bigEndian) {
-        flags |= kAudioFormatFlagIsBigEndian;
-    }
-    return flags;
+    return signedAudioDataFormatFlags();
 }
 
 // ---------------------------------------------------------------- reading

@@ -4,10 +4,9 @@
 
 const std::vector<std::string>& KROAudioFileContentStandIn::standInNames() {
     static const std::vector<std::string> names = {
-        "KROAudioFileCAFContent",  "KROAudioFileSFILContent", "KROAudioFileAUContent",
-        "KROAudioFileMP3Content",  "KROAudioFileM4AContent",  "KROAudioFileVorbisContent",
-        "KROAudioFileFLACContent", "KROAudioFileVOXContent",  "KROAudioFileDDPContent",
-        "KROAudioFileSDIIContent",
+        "KROAudioFileCAFContent",    "KROAudioFileMP3Content",  "KROAudioFileM4AContent",
+        "KROAudioFileVorbisContent", "KROAudioFileFLACContent", "KROAudioFileDDPContent",
+
     };
     return names;
 }
