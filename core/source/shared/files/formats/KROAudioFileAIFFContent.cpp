@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cmath>
 #include <ctime>
 #include <utility>
 #include <vector>
@@ -153,29 +154,35 @@ bool KROAudioFileAIFFContent::parse(KROErrorPtr* error) {
             chunk->loadFromFile();
         }
     }
+    // Only chunks the file holds in full are read: a size that runs past the
+    // end would have the readers walk counts of records that are not there.
+    const auto loaded = [&chunks](std::uint32_t code) -> std::shared_ptr<KROAudioFileChunk> {
+        const auto chunk = chunks.chunkOfType(code);
+        return chunk && chunk->data() ? chunk : nullptr;
+    };
     // A later chunk overrides the keys of an earlier one.
-    if (const auto chunk = chunks.chunkOfType(fourCC("MARK"))) {
+    if (const auto chunk = loaded(fourCC("MARK"))) {
         readMarkerChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("APPL"))) {
+    if (const auto chunk = loaded(fourCC("APPL"))) {
         readRegionApplicationChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("regn"))) {
+    if (const auto chunk = loaded(fourCC("regn"))) {
         readRegionChunk(*chunk, 65535);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("INST"))) {
+    if (const auto chunk = loaded(fourCC("INST"))) {
         readInstrumentChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("basc"))) {
+    if (const auto chunk = loaded(fourCC("basc"))) {
         readBasicsChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("trns"))) {
+    if (const auto chunk = loaded(fourCC("trns"))) {
         readTransientChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("cate"))) {
+    if (const auto chunk = loaded(fourCC("cate"))) {
         readCategoryChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("coll"))) {
+    if (const auto chunk = loaded(fourCC("coll"))) {
         readCollectionChunk(*chunk);
     }
     if (const auto table = KROAudioMetadataTable::load()) {
@@ -186,13 +193,13 @@ bool KROAudioFileAIFFContent::parse(KROErrorPtr* error) {
             }
         }
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("COMT"))) {
+    if (const auto chunk = loaded(fourCC("COMT"))) {
         readCommentChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("iXML"))) {
+    if (const auto chunk = loaded(fourCC("iXML"))) {
         parseIXMLChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("ID3 "))) {
+    if (const auto chunk = loaded(fourCC("ID3 "))) {
         parseID3TagInFile(*fileReader_, chunk->dataLocation());
     }
     // iXML leaves its broadcast dates as text.
@@ -255,7 +262,8 @@ bool KROAudioFileAIFFContent::readCommonChunk(const KROAudioFileChunk& chunk, KR
         }
     }
     // Samples narrower than a byte make frames of no bytes, which have no length.
-    if (numberOfChannels() == 0 || bitDepth() < 8 || !(sampleRate() > 0.0)) {
+    if (numberOfChannels() == 0 || bitDepth() < 8 || !(sampleRate() > 0.0) ||
+        !std::isfinite(sampleRate())) {
         return failWithFileName(error, impossibleFormat, "KROAudioFileContent_action_parsing");
     }
     return true;

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "KROAudioFileChunk.h"
+#include "KROAudioFileFieldValues.h"
 #include "KROClassRegistry.h"
 #include "KROError.h"
 #include "KROStringHelpers.h"
@@ -120,7 +121,7 @@ bool KROAudioFileAUContent::beginWrite(KROErrorPtr* error) {
     chunk.appendInt(static_cast<std::int32_t>(headerSize));
     chunk.appendInt(0);
     chunk.appendInt(code);
-    chunk.appendInt(static_cast<std::int32_t>(sampleRate()));
+    chunk.appendInt(kro::saturated<std::int32_t>(sampleRate()));
     chunk.appendInt(static_cast<std::int32_t>(numberOfChannels()));
     audioDataPosition_ = headerSize;
     dataChunkSizePosition_ = 8;

@@ -128,13 +128,19 @@ bool KROAudioFileWAV64Content::parse(KROErrorPtr* error) {
             chunk->loadFromFile();
         }
     }
-    if (const auto chunk = chunks.chunkOfType(markerListCode)) {
+    // Only chunks the file holds in full are read: a size that runs past the
+    // end would have the readers walk counts of records that are not there.
+    const auto loaded = [&chunks](std::uint32_t code) -> std::shared_ptr<KROAudioFileChunk> {
+        const auto chunk = chunks.chunkOfType(code);
+        return chunk && chunk->data() ? chunk : nullptr;
+    };
+    if (const auto chunk = loaded(markerListCode)) {
         readMarkerList(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(codeOf(fourCC("smpl")))) {
+    if (const auto chunk = loaded(codeOf(fourCC("smpl")))) {
         readSamplerChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(codeOf(fourCC("acid")))) {
+    if (const auto chunk = loaded(codeOf(fourCC("acid")))) {
         // The root note is not read from Wave64 files.
         const bool hadKey = metadata().objectForKey("musicalKey") != nullptr;
         readAcidChunk(*chunk);
@@ -142,13 +148,13 @@ bool KROAudioFileWAV64Content::parse(KROErrorPtr* error) {
             metadata().removeObjectForKey("musicalKey");
         }
     }
-    if (const auto chunk = chunks.chunkOfType(codeOf(fourCC("strc")))) {
+    if (const auto chunk = loaded(codeOf(fourCC("strc")))) {
         readSliceChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("iXML"))) {
+    if (const auto chunk = loaded(fourCC("iXML"))) {
         parseIXMLChunk(*chunk);
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("bext"))) {
+    if (const auto chunk = loaded(fourCC("bext"))) {
         readBroadcastChunk(*chunk);
         // The dates stay text here, as they stand in the chunk.
         for (const auto& [key, offset, size] :
@@ -158,7 +164,7 @@ bool KROAudioFileWAV64Content::parse(KROErrorPtr* error) {
             }
         }
     }
-    if (const auto chunk = chunks.chunkOfType(summaryListCode)) {
+    if (const auto chunk = loaded(summaryListCode)) {
         readSummaryList(*chunk);
     }
     return true;
