@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "AudioFileOpening.h"
+#include "FolderListing.h"
 #include "JSONText.h"
 #include "KROStringHelpers.h"
 
@@ -81,13 +82,18 @@ void printJSON(const std::string& file, const KROAudioFileContent& content) {
 InfoCommand::InfoCommand(CLI::App& app) {
     command_ =
         app.add_subcommand("info", "Show the format, length, labels and metadata of an audio file");
-    command_->add_option("file", file_, "Audio file")->required();
+    command_->add_option("file", file_, "Audio file, or a folder to list by its headers")
+        ->required();
     command_->add_flag("--json", json_, "Print JSON");
     command_->footer("Times are in seconds; dates print in UTC.\n\n"
-                     "Example:\n  kro info take.wav --json");
+                     "Examples:\n  kro info take.wav --json\n  kro info takes/ --json");
 }
 
 int InfoCommand::run() const {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(file_, ignored)) {
+        return listFolder(file_, json_);
+    }
     std::string message;
     const auto content = openAudioFile(file_, message);
     if (!content) {

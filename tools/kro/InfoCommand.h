@@ -1,5 +1,6 @@
 // `kro info FILE [--json]`: the format of an audio file, its samples, length,
-// labels and metadata. Exit 1 with a message for a file that is missing or
+// labels and metadata; `kro info DIR [--json]` lists a folder by the files'
+// headers. Exit 1 with a message for a file that is missing or
 // that no handler reads.
 #pragma once
 

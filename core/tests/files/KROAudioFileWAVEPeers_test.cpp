@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "KROAudioTestSupport.h"
+#include "KROPeerTestSupport.h"
 #include "KROStringHelpers.h"
-#include "KROTestCommand.h"
 
 namespace fs = std::filesystem;
 
@@ -39,24 +39,10 @@ std::string text(const char* field, std::size_t size) {
     return std::string(field, strnlen(field, size));
 }
 
-std::string peer(const std::string& command) {
-    // Warnings on standard error are not the answer: soxi warns of the
-    // 16-byte format chunk of float files, which is written so on purpose.
-    const KROCommandResult result = KRORunCommand(command);
-    EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
-    return result.output;
-}
-
 std::string ffprobe(const fs::path& path) {
     return peer("ffprobe -v error -show_entries stream=codec_name,duration_ts:format_tags "
                 "-of default=noprint_wrappers=1 " +
                 path.string());
-}
-
-void expectLines(const std::string& output, const std::vector<std::string>& lines) {
-    for (const std::string& line : lines) {
-        EXPECT_NE(output.find(line), std::string::npos) << line << " not in\n" << output;
-    }
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // What the handler tests share: samples of a buffer in file order, the same
-// as libsndfile reads them, and a WAVE file written or read in one call.
+// as libsndfile reads them, and a file written or read in one call.
 #pragma once
 
 #include <sndfile.h>
@@ -81,12 +81,18 @@ inline std::vector<float> libsndfileSamples(const std::filesystem::path& path) {
     return samples;
 }
 
-// A parsed WAVE file, or null after a failure, which lands in error.
-inline std::shared_ptr<KROAudioFileWAVEContent> parsedWAVE(const std::filesystem::path& path,
-                                                           KROErrorPtr* error = nullptr) {
-    auto content = std::make_shared<KROAudioFileWAVEContent>();
+// A parsed file of the handler, or null after a failure, which lands in error.
+template <typename Content>
+std::shared_ptr<Content> parsedFile(const std::filesystem::path& path,
+                                    KROErrorPtr* error = nullptr) {
+    auto content = std::make_shared<Content>();
     content->setURL(path);
     return content->parse(error) ? content : nullptr;
+}
+
+inline std::shared_ptr<KROAudioFileWAVEContent> parsedWAVE(const std::filesystem::path& path,
+                                                           KROErrorPtr* error = nullptr) {
+    return parsedFile<KROAudioFileWAVEContent>(path, error);
 }
 
 // All the frames of a parsed file.
@@ -98,11 +104,12 @@ inline std::shared_ptr<KROAudioBufferList> allAudio(KROAudioFileContent& content
     return buffer;
 }
 
-// Writes the buffer as a WAVE file at path: 48 kHz, the buffer's channels,
-// 16 bits unless setUp says otherwise; setUp adds labels and metadata.
-inline void writeWAVE(const std::filesystem::path& path, const KROAudioBufferList& buffer,
-                      const std::function<void(KROAudioFileWAVEContent&)>& setUp = {}) {
-    KROAudioFileWAVEContent content;
+// Writes the buffer with the handler at path: 48 kHz, the buffer's
+// channels, 16 bits unless setUp says otherwise; setUp adds labels and metadata.
+template <typename Content>
+void writeFile(const std::filesystem::path& path, const KROAudioBufferList& buffer,
+               const std::function<void(Content&)>& setUp = {}) {
+    Content content;
     content.setWritingDirectory(path.parent_path());
     content.setSampleRate(48000);
     content.setNumberOfChannels(buffer.numberOfChannels());
@@ -115,6 +122,11 @@ inline void writeWAVE(const std::filesystem::path& path, const KROAudioBufferLis
                 content.endWrite(&error))
         << (error ? error->description() : "");
     std::filesystem::rename(content.URL(), path);
+}
+
+inline void writeWAVE(const std::filesystem::path& path, const KROAudioBufferList& buffer,
+                      const std::function<void(KROAudioFileWAVEContent&)>& setUp = {}) {
+    writeFile<KROAudioFileWAVEContent>(path, buffer, setUp);
 }
 
 // A chunk: type, size, body and the pad byte after an odd body.

@@ -1,12 +1,15 @@
 #include "KROAudioFileContent.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <fstream>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
 #include "KROAudioFileChunk.h"
 #include "KROClassRegistry.h"
 #include "KROError.h"
+#include "KROSampleFrames.h"
 #include "KROURLExtension.h"
 
 KRO_REGISTER_CLASS(KROAudioFileContent, KROObject)
@@ -92,6 +95,16 @@ KROAudioFileContent::fileContentClassForFormat(std::string_view format) {
         }
     }
     return std::nullopt;
+}
+
+bool KROAudioFileContent::fileStartsWith(const std::filesystem::path& url, std::string_view magic) {
+    std::error_code ignored;
+    if (!std::filesystem::is_regular_file(url, ignored)) {
+        return false;
+    }
+    std::ifstream file(url, std::ios::binary);
+    std::string start(magic.size(), '\0');
+    return file.read(start.data(), static_cast<std::streamsize>(start.size())) && start == magic;
 }
 
 // ---------------------------------------------------------------- protocol
@@ -193,6 +206,10 @@ AudioFormatFlags KROAudioFileContent::audioDataFormatFlags() const {
         flags |= kAudioFormatFlagIsBigEndian;
     }
     return flags;
+}
+
+AudioFormatFlags KROAudioFileContent::signedAudioDataFormatFlags() const {
+    return KROAudioFileContent::audioDataFormatFlags() | kAudioFormatFlagIsSignedInteger;
 }
 
 std::shared_ptr<KROAudioStreamDescription> KROAudioFileContent::audioDataDescription() const {
@@ -331,4 +348,45 @@ bool KROAudioFileContent::writeLinearAudio(const KROAudioBufferList& buffer, KRO
         return false;
     }
     return fileWriter_->writeBuffer(bytes->bufferAtIndex(0), bytes->length(), error);
+}
+
+// ---------------------------------------------------------------- labels and metadata
+
+void KROAudioFileContent::readRegionChunk(const KROAudioFileChunk& chunk,
+                                          std::uint64_t maximumCount) {
+    constexpr std::uint64_t recordSize = 88;
+    if (chunk.dataLength() < 8) {
+        return;
+    }
+    const auto count = static_cast<std::uint64_t>(chunk.longLongValueAtPosition(0));
+    if (count > maximumCount) {
+        return;
+    }
+    for (std::uint64_t index = 0;
+         index < count && 8 + (index + 1) * recordSize <= chunk.dataLength(); ++index) {
+        const std::uint64_t record = 8 + index * recordSize;
+        const auto start = static_cast<double>(chunk.longLongValueAtPosition(record + 12));
+        const auto end = static_cast<double>(chunk.longLongValueAtPosition(record + 20));
+        auto label = KROAudioLabel::labelOfType("region");
+        label->setLocation(start / sampleRate());
+        label->setLength((end - start) / sampleRate());
+        if (auto name = chunk.pascalStringAtPosition(record + 52)) {
+            label->setValueForUndefinedKey(KROPropertyList(std::move(*name)), "name");
+        }
+        labels().push_back(std::move(label));
+    }
+}
+
+std::int64_t KROAudioFileContent::framesOfSeconds(double seconds) const {
+    return KROFrameForSeconds(seconds, sampleRate_);
+}
+
+bool KROAudioFileContent::hasLabelOfType(std::string_view type) const {
+    return std::any_of(labels_.begin(), labels_.end(),
+                       [type](const auto& label) { return label->type() == type; });
+}
+
+bool KROAudioFileContent::hasAnyMetadataKey(std::span<const char* const> keys) const {
+    return std::any_of(keys.begin(), keys.end(),
+                       [this](const char* key) { return metadata_.objectForKey(key) != nullptr; });
 }

@@ -24,6 +24,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -208,6 +209,10 @@ public:
     static std::string camelCaseForSnakeCase(std::string_view snakeCase);
 
 protected:
+    // Whether the URL names an existing regular file whose first bytes are
+    // the magic: how most handlers recognise their files.
+    static bool fileStartsWith(const std::filesystem::path& url, std::string_view magic);
+
     // ---- Failures
 
     // An error of the handler's own family; each handler returns its
@@ -237,6 +242,9 @@ protected:
     // big-endian when audioDataByteOrder is 2. A handler whose format says
     // otherwise overrides it.
     virtual AudioFormatFlags audioDataFormatFlags() const;
+    // The flags of formats whose integers are signed at every depth, 8 bits
+    // included (AIFF, AU): signed, plus float and big-endian as the base has them.
+    AudioFormatFlags signedAudioDataFormatFlags() const;
     // The interleaved samples of the file as a stream description.
     std::shared_ptr<KROAudioStreamDescription> audioDataDescription() const;
     // getAudio of a handler whose samples are a block of fixed-size frames
@@ -268,6 +276,19 @@ protected:
     std::uint64_t audioDataLengthOfFrames(std::uint64_t frames) const;
     // Closes the file, which stays at URL.
     void closeFileWriter() { fileWriter_.reset(); }
+
+    // ---- Labels and metadata
+
+    // Adds the "region" labels of a 'regn' chunk (a 64-bit count, then
+    // records of 88 bytes: start and end frames at 12 and 20, a Pascal name
+    // at 52), in the chunk's byte order. A count above the maximum gives none.
+    void readRegionChunk(const KROAudioFileChunk& chunk, std::uint64_t maximumCount);
+
+    // Seconds to frames as labels are written: rounded.
+    std::int64_t framesOfSeconds(double seconds) const;
+    // Whether any label has the type.
+    bool hasLabelOfType(std::string_view type) const;
+    bool hasAnyMetadataKey(std::span<const char* const> keys) const;
 
     // ---- What handlers of bytes share
 

@@ -4,9 +4,7 @@
 
 const std::vector<std::string>& KROAudioFileContentStandIn::standInNames() {
     static const std::vector<std::string> names = {
-        "KROAudioFileAIFFContent",  "KROAudioFileSFILContent", "KROAudioFileAUContent",
-        "KROAudioFileWAV64Content", "KROAudioFileVOXContent",  "KROAudioFileDDPContent",
-        "KROAudioFileSDIIContent",
+        "KROAudioFileDDPContent",
     };
     return names;
 }

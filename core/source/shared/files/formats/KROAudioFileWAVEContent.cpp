@@ -4,12 +4,12 @@
 #include <array>
 #include <cmath>
 #include <ctime>
-#include <fstream>
 #include <limits>
 #include <optional>
 #include <utility>
 
 #include "KROAudioFileChunk.h"
+#include "KROAudioFileFieldValues.h"
 #include "KROClassRegistry.h"
 #include "KROError.h"
 #include "KROStringHelpers.h"
@@ -20,48 +20,21 @@ KRO_REGISTER_CLASS(KROAudioFileWAVEContent, KROAudioFileContent)
 
 namespace {
 
+using kro::clamped;
 using kro::fourCC;
+using kro::infoEntries;
+using kro::InfoEntry;
+using kro::instrumentKeys;
+using kro::musicalKeys;
+using kro::saturated;
 
 // ---------------------------------------------------------------- tables
 
 constexpr std::array<const char*, 8> broadcastKeys = {
     "description",     "originator",    "originatorReference", "originationDate",
     "originationTime", "timeReference", "smpteUMID",           "codingHistory"};
-constexpr std::array<const char*, 7> instrumentKeys = {
-    "baseNote", "detune", "gain", "lowNote", "highNote", "lowVelocity", "highVelocity"};
 constexpr std::array<const char*, 6> acidKeys = {"playbackType",   "musicalKey",       "beats",
                                                  "meterNumerator", "meterDenominator", "tempo"};
-constexpr std::array<const char*, 12> musicalKeys = {"C",  "C#", "D",  "Eb", "E",  "F",
-                                                     "F#", "G",  "Ab", "A",  "Bb", "B"};
-
-struct InfoEntry {
-    std::uint32_t code;
-    const char* key;
-};
-// In the order in which they are written.
-constexpr std::array<InfoEntry, 21> infoEntries = {{
-    {fourCC("INAM"), "name"},
-    {fourCC("IGNR"), "genre"},
-    {fourCC("IKEY"), "keywords"},
-    {fourCC("IAUT"), "author"},
-    {fourCC("IART"), "originalArtist"},
-    {fourCC("IMED"), "originalMedium"},
-    {fourCC("IDIM"), "originalDimensions"},
-    {fourCC("ISRF"), "digitizationSource"},
-    {fourCC("ICMS"), "commissionedBy"},
-    {fourCC("ISRC"), "sourceSupplier"},
-    {fourCC("IENG"), "engineers"},
-    {fourCC("ITCH"), "digitizer"},
-    {fourCC("ICRP"), "cropped"},
-    {fourCC("IARL"), "archivalLocation"},
-    {fourCC("IPRD"), "product"},
-    {fourCC("ICOP"), "copyright"},
-    {fourCC("ISFT"), "softwarePackage"},
-    {fourCC("ICRD"), "creationDate"},
-    {fourCC("ICMT"), "comments"},
-    {fourCC("IANN"), "annotation"},
-    {fourCC("ISBJ"), "subject"},
-}};
 
 struct CartText {
     const char* key;
@@ -146,23 +119,6 @@ std::string textOf(const KROPropertyList& value) {
     return value.description();
 }
 
-// A number as an integer of the type, truncated; values beyond its range
-// give its ends and NaN gives 0, where a plain conversion is undefined.
-template <typename Integer> Integer saturated(double value) {
-    constexpr auto low = static_cast<double>(std::numeric_limits<Integer>::min());
-    constexpr auto high = static_cast<double>(std::numeric_limits<Integer>::max());
-    if (std::isnan(value)) {
-        return 0;
-    }
-    return value <= low    ? std::numeric_limits<Integer>::min()
-           : value >= high ? std::numeric_limits<Integer>::max()
-                           : static_cast<Integer>(value);
-}
-
-template <typename Integer> Integer clamped(Integer value, Integer low, Integer high) {
-    return std::min(std::max(value, low), high);
-}
-
 // The subchunks of a LIST chunk, from offset 4: code, size, contents.
 // An odd step (size + 8 + offset) takes the pad byte with it.
 template <typename Visit> void forEachSubchunk(const KROAudioFileChunk& list, Visit visit) {
@@ -193,13 +149,7 @@ std::string KROAudioFileWAVEContent::extension() const {
 }
 
 bool KROAudioFileWAVEContent::supportsURL(const std::filesystem::path& url) const {
-    std::error_code ignored;
-    if (!std::filesystem::is_regular_file(url, ignored)) {
-        return false;
-    }
-    std::ifstream file(url, std::ios::binary);
-    char magic[4] = {};
-    return file.read(magic, sizeof magic) && std::string_view(magic, 4) == "RIFF";
+    return fileStartsWith(url, "RIFF");
 }
 
 KROErrorPtr KROAudioFileWAVEContent::errorWithCode(std::int64_t code,
@@ -246,7 +196,7 @@ bool KROAudioFileWAVEContent::parse(KROErrorPtr* error) {
         readInstrumentChunk(*chunk);
     }
     if (const auto chunk = chunks.chunkOfType(fourCC("regn"))) {
-        readRegionChunk(*chunk);
+        readRegionChunk(*chunk, std::numeric_limits<std::uint64_t>::max());
     }
     if (const auto chunk = chunks.chunkOfType(fourCC("cue "))) {
         readCueChunk(*chunk);
@@ -328,27 +278,6 @@ void KROAudioFileWAVEContent::readInstrumentChunk(const KROAudioFileChunk& chunk
     metadata().setObjectForKey("highNote", clamped<std::int64_t>(byte(4), 0, 127));
     metadata().setObjectForKey("lowVelocity", clamped<std::int64_t>(byte(5), 0, 127));
     metadata().setObjectForKey("highVelocity", clamped<std::int64_t>(byte(6), 0, 127));
-}
-
-void KROAudioFileWAVEContent::readRegionChunk(const KROAudioFileChunk& chunk) {
-    constexpr std::uint64_t recordSize = 88;
-    if (chunk.dataLength() < 8) {
-        return;
-    }
-    const auto count = static_cast<std::uint64_t>(chunk.longLongValueAtPosition(0));
-    for (std::uint64_t index = 0;
-         index < count && 8 + (index + 1) * recordSize <= chunk.dataLength(); ++index) {
-        const std::uint64_t record = 8 + index * recordSize;
-        const auto start = static_cast<double>(chunk.longLongValueAtPosition(record + 12));
-        const auto end = static_cast<double>(chunk.longLongValueAtPosition(record + 20));
-        auto label = KROAudioLabel::labelOfType("region");
-        label->setLocation(start / sampleRate());
-        label->setLength((end - start) / sampleRate());
-        if (auto name = chunk.pascalStringAtPosition(record + 52)) {
-            label->setValueForUndefinedKey(KROPropertyList(std::move(*name)), "name");
-        }
-        labels().push_back(std::move(label));
-    }
 }
 
 void KROAudioFileWAVEContent::readCueChunk(const KROAudioFileChunk& chunk) {
@@ -579,6 +508,11 @@ void KROAudioFileWAVEContent::readInfoList(const KROAudioFileChunk& list) {
 
 // ---------------------------------------------------------------- writing
 
+void KROAudioFileWAVEContent::startChunk(KROAudioFileChunk& chunk, std::uint32_t code) const {
+    chunk.reset();
+    chunk.setType(code);
+}
+
 bool KROAudioFileWAVEContent::beginWrite(KROErrorPtr* error) {
     if (encoding() == fourCC("ulaw")) {
         setBitDepth(8);
@@ -650,8 +584,7 @@ bool KROAudioFileWAVEContent::writeFormatChunk(KROAudioFileChunk& chunk, KROErro
     const std::int16_t tag = encoding() == fourCC("ulaw") ? 7 : isFloatingPoint() ? 3 : 1;
     const auto rate = static_cast<std::uint32_t>(saturated<std::int64_t>(sampleRate()));
     const auto blockAlign = static_cast<std::uint32_t>((bitDepth() >> 3) * numberOfChannels());
-    chunk.reset();
-    chunk.setType(fourCC("fmt "));
+    startChunk(chunk, fourCC("fmt "));
     chunk.appendShort(tag);
     chunk.appendShort(static_cast<std::int16_t>(numberOfChannels()));
     chunk.appendInt(static_cast<std::int32_t>(rate));
@@ -672,8 +605,7 @@ bool KROAudioFileWAVEContent::writeBroadcastChunk(KROAudioFileChunk& chunk, KROE
             value ? std::optional(dateText(*value, form)) : std::nullopt;
         chunk.appendStringOfSize(text ? &*text : nullptr, size);
     };
-    chunk.reset();
-    chunk.setType(fourCC("bext"));
+    startChunk(chunk, fourCC("bext"));
     chunk.appendAsCStringOfSize(values.objectForKey("description"), 256);
     chunk.appendAsCStringOfSize(values.objectForKey("originator"), 32);
     chunk.appendAsCStringOfSize(values.objectForKey("originatorReference"), 32);
@@ -720,8 +652,7 @@ bool KROAudioFileWAVEContent::writeIXMLChunk(KROAudioFileChunk& chunk, KROErrorP
     if (!hasIXMLMetadata()) {
         return true;
     }
-    chunk.reset();
-    chunk.setType(fourCC("iXML"));
+    startChunk(chunk, fourCC("iXML"));
     appendIXMLToChunk(chunk);
     return chunk.appendToFile(error);
 }
@@ -740,8 +671,7 @@ bool KROAudioFileWAVEContent::writeSamplerChunk(KROAudioFileChunk& chunk, KROErr
             loops.push_back(label.get());
         }
     }
-    chunk.reset();
-    chunk.setType(fourCC("smpl"));
+    startChunk(chunk, fourCC("smpl"));
     chunk.appendInt(0);
     chunk.appendInt(0);
     chunk.appendInt(saturated<std::int32_t>(1000000000.0 / sampleRate()));
@@ -918,8 +848,7 @@ bool KROAudioFileWAVEContent::writeAcidChunk(KROAudioFileChunk& chunk, KROErrorP
     const auto keyIndex =
         keyName ? std::find(musicalKeys.begin(), musicalKeys.end(), *keyName) - musicalKeys.begin()
                 : 0;
-    chunk.reset();
-    chunk.setType(fourCC("acid"));
+    startChunk(chunk, fourCC("acid"));
     chunk.appendInt((oneShot ? 1 : 0) | (key ? 2 : 0));
     chunk.appendShort(static_cast<std::int16_t>(key ? keyIndex + 48 : 0));
     chunk.appendShort(static_cast<std::int16_t>(0x8000));
@@ -948,8 +877,7 @@ bool KROAudioFileWAVEContent::writeSliceChunk(KROAudioFileChunk& chunk, KROError
         return true;
     }
     std::stable_sort(slices.begin(), slices.end());
-    chunk.reset();
-    chunk.setType(fourCC("strc"));
+    startChunk(chunk, fourCC("strc"));
     for (const std::int32_t value :
          {28, static_cast<std::int32_t>(slices.size()), 65, 5, 1, 0, 0}) {
         chunk.appendInt(value);
@@ -961,20 +889,4 @@ bool KROAudioFileWAVEContent::writeSliceChunk(KROAudioFileChunk& chunk, KROError
         }
     }
     return chunk.appendToFile(error);
-}
-
-// ---------------------------------------------------------------- helpers
-
-std::int64_t KROAudioFileWAVEContent::framesOfSeconds(double seconds) const {
-    return saturated<std::int64_t>(std::round(seconds * sampleRate()));
-}
-
-bool KROAudioFileWAVEContent::hasLabelOfType(std::string_view type) const {
-    return std::any_of(labels().begin(), labels().end(),
-                       [type](const auto& label) { return label->type() == type; });
-}
-
-bool KROAudioFileWAVEContent::hasAnyMetadataKey(std::span<const char* const> keys) const {
-    return std::any_of(keys.begin(), keys.end(),
-                       [this](const char* key) { return metadata().objectForKey(key) != nullptr; });
 }

@@ -12,7 +12,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -53,38 +52,35 @@ public:
 
 protected:
     KROErrorPtr errorWithCode(std::int64_t code, const std::string& action) const override;
+    // Empties the chunk and gives it the code; Wave64 adds its identifier.
+    virtual void startChunk(KROAudioFileChunk& chunk, std::uint32_t code) const;
 
-private:
-    // ---- Reading, one chunk each; the chunk list gives what they need.
+    // ---- The chunks that Wave64 files share; they call startChunk.
     bool readFormatChunk(const KROAudioFileChunk& chunk, KROErrorPtr* error);
-    void readInstrumentChunk(const KROAudioFileChunk& chunk);
-    void readRegionChunk(const KROAudioFileChunk& chunk);
-    void readCueChunk(const KROAudioFileChunk& chunk);
-    void readLabelTexts(const KROAudioFileChunk& list);
     void readSamplerChunk(const KROAudioFileChunk& chunk);
     void readAcidChunk(const KROAudioFileChunk& chunk);
     void readSliceChunk(const KROAudioFileChunk& chunk);
     void readBroadcastChunk(const KROAudioFileChunk& chunk);
+    bool writeFormatChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
+    bool writeIXMLChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
+    bool writeBroadcastChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
+    bool writeSamplerChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
+    bool writeAcidChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
+    bool writeSliceChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
+
+private:
+    // ---- Reading, one chunk each; the chunk list gives what they need.
+    void readInstrumentChunk(const KROAudioFileChunk& chunk);
+    void readCueChunk(const KROAudioFileChunk& chunk);
+    void readLabelTexts(const KROAudioFileChunk& list);
     void readCartChunk(const KROAudioFileChunk& chunk);
     void readEBUChunk(const KROAudioFileChunk& chunk);
     void readInfoList(const KROAudioFileChunk& list);
 
     // ---- Writing, one chunk each; false only when the file write fails.
-    bool writeFormatChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
     bool writeID3Chunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
-    bool writeIXMLChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
-    bool writeBroadcastChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
-    bool writeSamplerChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
     bool writeInstrumentChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
     bool writeCueChunks(KROAudioFileChunk& chunk, KROErrorPtr* error);
     bool writeInfoList(KROAudioFileChunk& chunk, KROErrorPtr* error);
     bool writeEBUChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
-    bool writeAcidChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
-    bool writeSliceChunk(KROAudioFileChunk& chunk, KROErrorPtr* error);
-
-    // Seconds to frames as labels are written: rounded.
-    std::int64_t framesOfSeconds(double seconds) const;
-    // Whether any label has the type.
-    bool hasLabelOfType(std::string_view type) const;
-    bool hasAnyMetadataKey(std::span<const char* const> keys) const;
 };

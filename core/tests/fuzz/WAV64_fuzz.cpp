@@ -1,0 +1,9 @@
+// libFuzzer target for the Wave64 handler: parse, read, write back
+// (KROFuzzAudioFileContent.h). Any crash, sanitizer report or allocation
+// beyond the file's size is a finding.
+#include "KROAudioFileWAV64Content.h"
+#include "KROFuzzAudioFileContent.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    return KROFuzzAudioFileContent<KROAudioFileWAV64Content>(data, size, true);
+}
