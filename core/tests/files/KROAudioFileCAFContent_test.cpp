@@ -5,34 +5,13 @@
 
 #include "KROAudioFileCAFContent.h"
 #include "KROAudioTestSupport.h"
+#include "KROPeerTestSupport.h"
 #include "KROStringHelpers.h"
 #include "KROTestCommand.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::shared_ptr<KROAudioFileCAFContent> parsedCAF(const fs::path& path,
-                                                  KROErrorPtr* error = nullptr) {
-    auto content = std::make_shared<KROAudioFileCAFContent>();
-    content->setURL(path);
-    return content->parse(error) ? content : nullptr;
-}
-
-void writeCAF(const fs::path& path, const KROAudioBufferList& buffer,
-              const std::function<void(KROAudioFileCAFContent&)>& setUp) {
-    KROAudioFileCAFContent content;
-    content.setWritingDirectory(path.parent_path());
-    content.setSampleRate(48000);
-    content.setNumberOfChannels(buffer.numberOfChannels());
-    content.setBitDepth(16);
-    setUp(content);
-    KROErrorPtr error;
-    ASSERT_TRUE(content.beginWrite(&error) && content.writeAudio(buffer, &error) &&
-                content.endWrite(&error))
-        << (error ? error->description() : "");
-    fs::rename(content.URL(), path);
-}
 
 // Writes the interleaved samples with libsndfile in the CAF subformat.
 void writeWithLibsndfile(const fs::path& path, int subformat, int channels,
@@ -45,12 +24,6 @@ void writeWithLibsndfile(const fs::path& path, int subformat, int channels,
     ASSERT_TRUE(file) << sf_strerror(nullptr);
     sf_writef_float(file, samples.data(), static_cast<sf_count_t>(samples.size()) / channels);
     sf_close(file);
-}
-
-std::string peer(const std::string& command) {
-    const KROCommandResult result = KRORunCommand(command);
-    EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
-    return result.output;
 }
 
 } // namespace
@@ -87,7 +60,7 @@ TEST(KROAudioFileCAFContent, EverySampleFormatMatchesLibsndfileBothWays) {
             const fs::path theirs = directory / "theirs.caf";
             writeWithLibsndfile(theirs, c.subformat | (little ? SF_ENDIAN_LITTLE : SF_ENDIAN_BIG),
                                 3, samplesOf(*ramp));
-            const auto read = parsedCAF(theirs);
+            const auto read = parsedFile<KROAudioFileCAFContent>(theirs);
             ASSERT_TRUE(read);
             EXPECT_EQ(read->bitDepth(), c.bitDepth);
             EXPECT_EQ(read->frames(), 1001u);
@@ -95,13 +68,13 @@ TEST(KROAudioFileCAFContent, EverySampleFormatMatchesLibsndfileBothWays) {
             EXPECT_EQ(samplesOf(*allAudio(*read)), expected);
 
             const fs::path ours = directory / "ours.caf";
-            writeCAF(ours, *ramp, [&](KROAudioFileCAFContent& content) {
+            writeFile<KROAudioFileCAFContent>(ours, *ramp, [&](KROAudioFileCAFContent& content) {
                 content.setEncoding(kro::fourCC(c.encoding));
                 content.setBitDepth(c.bitDepth);
                 content.setIsFloatingPoint(c.isFloat);
                 content.setAudioDataByteOrder(little ? 1 : 2);
             });
-            const auto back = parsedCAF(ours);
+            const auto back = parsedFile<KROAudioFileCAFContent>(ours);
             ASSERT_TRUE(back);
             EXPECT_EQ(libsndfileSamples(ours), samplesOf(*allAudio(*back)));
             const std::string codec = std::string(c.codec) + (companded || c.bitDepth == 8 ? ""
@@ -124,16 +97,18 @@ TEST(KROAudioFileCAFContent, EverySampleFormatMatchesLibsndfileBothWays) {
 TEST(KROAudioFileCAFContent, LabelsAndInfoRoundTripAndReachFfprobe) {
     KROTemporaryDirectory directory;
     const fs::path path = directory / "labels.caf";
-    writeCAF(path, *rampBuffer(2, 4800, 1.0f / 128), [](KROAudioFileCAFContent& content) {
-        content.setBitDepth(24);
-        content.labels() = {testLabel("marker", 0.01, 0, {{"name", "Start"}}),
-                            testLabel("region", 0.02, 0.03, {{"name", "Intro"}}),
-                            testLabel("marker", 0.05, 0), testLabel("loop", 0.04, 0.02)};
-        content.metadata() = KROPropertyList::Dictionary{
-            {"name", "The take"}, {"artist", "The band"},     {"trackNumber", 7},
-            {"tempo", 96.5},      {"comments", "Quiet room"}, {"description", "not an info key"}};
-    });
-    const auto read = parsedCAF(path);
+    writeFile<KROAudioFileCAFContent>(
+        path, *rampBuffer(2, 4800, 1.0f / 128), [](KROAudioFileCAFContent& content) {
+            content.setBitDepth(24);
+            content.labels() = {testLabel("marker", 0.01, 0, {{"name", "Start"}}),
+                                testLabel("region", 0.02, 0.03, {{"name", "Intro"}}),
+                                testLabel("marker", 0.05, 0), testLabel("loop", 0.04, 0.02)};
+            content.metadata() = KROPropertyList::Dictionary{
+                {"name", "The take"},       {"artist", "The band"},
+                {"trackNumber", 7},         {"tempo", 96.5},
+                {"comments", "Quiet room"}, {"description", "not an info key"}};
+        });
+    const auto read = parsedFile<KROAudioFileCAFContent>(path);
     ASSERT_TRUE(read);
     EXPECT_EQ(labelTexts(*read, 48000),
               (std::vector<std::string>{"marker 480+0 name=Start", "marker 2400+0",
@@ -168,12 +143,13 @@ TEST(KROAudioFileCAFContent, FilesOfSoxAndFfmpegReadHere) {
               file}) {
         SCOPED_TRACE(command);
         peer(command);
-        const auto read = parsedCAF(path);
+        const auto read = parsedFile<KROAudioFileCAFContent>(path);
         ASSERT_TRUE(read);
         EXPECT_EQ(samplesOf(*allAudio(*read)), libsndfileSamples(path));
         EXPECT_EQ(std::to_string(read->frames()) + "\n", peer("soxi -s " + file));
     }
-    expectMetadata(*parsedCAF(path), KROPropertyList::Dictionary{{"name", "Sine"}});
+    expectMetadata(*parsedFile<KROAudioFileCAFContent>(path),
+                   KROPropertyList::Dictionary{{"name", "Sine"}});
     EXPECT_EQ(KROAudioFileContent::fileContentClassAtURL(path)->name(), "KROAudioFileCAFContent");
 }
 
@@ -218,7 +194,7 @@ TEST(KROAudioFileCAFContent, DamagedFilesFailWithTheirCodesOrReadWhatTheyHold) {
         const fs::path path = directory / "damaged.caf";
         KROWriteTestFile(path, bytes.data());
         KROErrorPtr error;
-        const auto read = parsedCAF(path, &error);
+        const auto read = parsedFile<KROAudioFileCAFContent>(path, &error);
         EXPECT_EQ(error ? error->code() : 0, c.code);
         if (error) {
             EXPECT_EQ(error->className(), "KROAudioFileCAFContentError");

@@ -5,62 +5,10 @@
 
 #include "KROAudioFileFLACContent.h"
 #include "KROAudioTestSupport.h"
+#include "KROPeerTestSupport.h"
 #include "KROTestCommand.h"
 
 namespace fs = std::filesystem;
-
-namespace {
-
-std::shared_ptr<KROAudioFileFLACContent> parsedFLAC(const fs::path& path,
-                                                    KROErrorPtr* error = nullptr) {
-    auto content = std::make_shared<KROAudioFileFLACContent>();
-    content->setURL(path);
-    return content->parse(error) ? content : nullptr;
-}
-
-void writeFLAC(const fs::path& path, const KROAudioBufferList& buffer,
-               const std::function<void(KROAudioFileFLACContent&)>& setUp) {
-    KROAudioFileFLACContent content;
-    content.setWritingDirectory(path.parent_path());
-    content.setSampleRate(44100);
-    content.setNumberOfChannels(buffer.numberOfChannels());
-    content.setBitDepth(16);
-    setUp(content);
-    KROErrorPtr error;
-    ASSERT_TRUE(content.beginWrite(&error) && content.writeAudio(buffer, &error) &&
-                content.endWrite(&error))
-        << (error ? error->description() : "");
-    fs::rename(content.URL(), path);
-}
-
-std::string peer(const std::string& command) {
-    const KROCommandResult result = KRORunCommand(command);
-    EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
-    return result.output;
-}
-
-void expectLines(const std::string& output, const std::vector<std::string>& lines) {
-    for (const std::string& line : lines) {
-        EXPECT_NE(output.find(line), std::string::npos) << line << " not in\n" << output;
-    }
-}
-
-// The frames from start on, read in blocks of that size.
-std::vector<float> samplesFrom(KROAudioFileContent& content, std::uint64_t start,
-                               std::uint64_t block) {
-    std::vector<float> samples;
-    const auto buffer = KROAudioBufferList::bufferListWithChannels(
-        static_cast<std::uint32_t>(content.numberOfChannels()), block);
-    for (std::uint64_t frame = start; frame < content.frames(); frame += block) {
-        buffer->setFrames(block);
-        EXPECT_TRUE(content.getAudio(*buffer, frame));
-        const std::vector<float> more = samplesOf(*buffer);
-        samples.insert(samples.end(), more.begin(), more.end());
-    }
-    return samples;
-}
-
-} // namespace
 
 // What the flac program encodes from sox's noise reads here bit for bit as
 // libsndfile reads the source, from the start and from any frame, with its
@@ -76,7 +24,7 @@ TEST(KROAudioFileFLACContent, FilesOfTheFlacProgramReadBitExact) {
         peer("flac -s -f -8 --tag=TITLE=Noise --tag=ARTIST='The band' --tag=TRACKNUMBER=3 "
              "--tag=MOOD=calm -o " +
              flac.string() + " " + wave.string());
-        const auto read = parsedFLAC(flac);
+        const auto read = parsedFile<KROAudioFileFLACContent>(flac);
         ASSERT_TRUE(read);
         EXPECT_EQ(read->frames(), 101430u);
         EXPECT_EQ(read->bitDepth(), std::stoul(depth));
@@ -105,7 +53,8 @@ TEST(KROAudioFileFLACContent, OurFilesDecodeBitExactInFlacAndFfprobe) {
     for (const int level : {0, 8}) {
         for (const std::uint64_t depth : {16u, 24u}) {
             SCOPED_TRACE(std::to_string(level) + " " + std::to_string(depth));
-            writeFLAC(ours, *ramp, [&](KROAudioFileFLACContent& content) {
+            writeFile<KROAudioFileFLACContent>(ours, *ramp, [&](KROAudioFileFLACContent& content) {
+                content.setSampleRate(44100);
                 content.setBitDepth(depth);
                 content.setValue(KROPropertyList(level), "compressionLevel");
                 content.labels() = {testLabel("marker", 1.5, 0), testLabel("marker", 0.5, 0),
@@ -115,7 +64,7 @@ TEST(KROAudioFileFLACContent, OurFilesDecodeBitExactInFlacAndFfprobe) {
             });
             peer("flac -s -t " + ours.string());
             peer("flac -s -f -d -o " + decoded.string() + " " + ours.string());
-            const auto read = parsedFLAC(ours);
+            const auto read = parsedFile<KROAudioFileFLACContent>(ours);
             ASSERT_TRUE(read);
             EXPECT_EQ(samplesOf(*allAudio(*read)), libsndfileSamples(decoded));
             EXPECT_EQ(labelTexts(*read, 44100),
@@ -163,26 +112,28 @@ TEST(KROAudioFileFLACContent, DamagedFilesFailOrReadWhatTheyHold) {
     KROTemporaryDirectory directory;
     const fs::path good = directory / "good.flac";
     const auto ramp = rampBuffer(1, 40000, 1.0f / 151);
-    writeFLAC(good, *ramp, [](KROAudioFileFLACContent&) {});
+    writeFile<KROAudioFileFLACContent>(
+        good, *ramp, [](KROAudioFileFLACContent& content) { content.setSampleRate(44100); });
     const KROData bytes = KROReadTestFile(good);
     const fs::path path = directory / "damaged.flac";
 
     for (const std::size_t cut : {std::size_t{4}, std::size_t{30}}) {
         KROWriteTestFile(path, KROData(bytes.begin(), bytes.begin() + cut));
         KROErrorPtr error;
-        EXPECT_FALSE(parsedFLAC(path, &error));
+        EXPECT_FALSE(parsedFile<KROAudioFileFLACContent>(path, &error));
         ASSERT_TRUE(error);
         EXPECT_EQ(error->code(), 1);
         EXPECT_EQ(error->className(), "KROAudioFileFLACContentError");
     }
 
     KROWriteTestFile(path, KROData(bytes.begin(), bytes.end() - bytes.size() / 3));
-    auto read = parsedFLAC(path);
+    auto read = parsedFile<KROAudioFileFLACContent>(path);
     ASSERT_TRUE(read);
     EXPECT_EQ(read->frames(), 40000u);
     const std::vector<float> samples = samplesOf(*allAudio(*read));
     EXPECT_EQ(samples.back(), 0.0f);
-    const std::vector<float> whole = samplesOf(*allAudio(*parsedFLAC(good)));
+    const std::vector<float> whole =
+        samplesOf(*allAudio(*parsedFile<KROAudioFileFLACContent>(good)));
     EXPECT_TRUE(std::equal(whole.begin(), whole.begin() + 10000, samples.begin()));
 
     KROData damaged = bytes;
@@ -190,7 +141,7 @@ TEST(KROAudioFileFLACContent, DamagedFilesFailOrReadWhatTheyHold) {
         damaged[at] ^= 0x5A;
     }
     KROWriteTestFile(path, damaged);
-    read = parsedFLAC(path);
+    read = parsedFile<KROAudioFileFLACContent>(path);
     ASSERT_TRUE(read);
     samplesFrom(*read, 0, 4096);
     samplesFrom(*read, 30000, 333);

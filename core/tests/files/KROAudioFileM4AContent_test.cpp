@@ -9,6 +9,7 @@
 
 #include "KROAudioFileM4AContent.h"
 #include "KROAudioTestSupport.h"
+#include "KROPeerTestSupport.h"
 #include "KROStringHelpers.h"
 #include "KROTestCommand.h"
 
@@ -16,53 +17,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::shared_ptr<KROAudioFileM4AContent> parsedM4A(const fs::path& path,
-                                                  KROErrorPtr* error = nullptr) {
-    auto content = std::make_shared<KROAudioFileM4AContent>();
-    content->setURL(path);
-    return content->parse(error) ? content : nullptr;
-}
-
-std::string peer(const std::string& command) {
-    const KROCommandResult result = KRORunCommand(command);
-    EXPECT_EQ(result.status, 0) << command << "\n" << result.output;
-    return result.output;
-}
-
 // The interleaved floats that ffmpeg decodes from the file.
 std::vector<float> ffmpegSamples(const fs::path& path) {
     const std::string bytes = peer("ffmpeg -v error -i " + path.string() + " -f f32le -");
     std::vector<float> samples(bytes.size() / sizeof(float));
     std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
     return samples;
-}
-
-double rmsDifference(const std::vector<float>& a, const std::vector<float>& b) {
-    double sum = 0;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        sum += (double(a[i]) - b[i]) * (double(a[i]) - b[i]);
-    }
-    return std::sqrt(sum / double(std::max<std::size_t>(a.size(), 1)));
-}
-
-// The samples from frame on, read in blocks of 3000 frames.
-std::vector<float> samplesFrom(KROAudioFileContent& content, std::uint64_t frame) {
-    std::vector<float> samples;
-    const auto buffer = KROAudioBufferList::bufferListWithChannels(
-        static_cast<std::uint32_t>(content.numberOfChannels()), 3000);
-    for (; frame < content.frames(); frame += 3000) {
-        buffer->setFrames(3000);
-        EXPECT_TRUE(content.getAudio(*buffer, frame));
-        const std::vector<float> more = samplesOf(*buffer);
-        samples.insert(samples.end(), more.begin(), more.end());
-    }
-    return samples;
-}
-
-void expectLines(const std::string& output, const std::vector<std::string>& lines) {
-    for (const std::string& line : lines) {
-        EXPECT_NE(output.find(line), std::string::npos) << line << " not in\n" << output;
-    }
 }
 
 } // namespace
@@ -84,13 +44,13 @@ TEST(KROAudioFileM4AContent, FilesOfFfmpegReadAsFfmpegDecodesThem) {
              " -metadata title=Ramp -metadata artist='The band' -metadata track=5 -metadata "
              "date=2024 " +
              path.string());
-        const auto read = parsedM4A(path);
+        const auto read = parsedFile<KROAudioFileM4AContent>(path);
         ASSERT_TRUE(read);
         const std::vector<float> theirs = ffmpegSamples(path);
         const std::vector<float> ours = samplesOf(*allAudio(*read));
         ASSERT_EQ(ours.size(), theirs.size());
         EXPECT_EQ(ours, theirs);
-        const std::vector<float> tail = samplesFrom(*read, 54321);
+        const std::vector<float> tail = samplesFrom(*read, 54321, 3000);
         ASSERT_EQ(tail.size(), ours.size() - 2 * 54321);
         // ALAC exactly; AAC within its noise, far below a frame out of place.
         EXPECT_LT(rmsDifference(tail, std::vector<float>(ours.begin() + 2 * 54321, ours.end())),
@@ -133,7 +93,7 @@ TEST(KROAudioFileM4AContent, OurFilesDecodeInFfmpeg) {
         fs::rename(content.URL(), path);
 
         const std::vector<float> theirs = ffmpegSamples(path);
-        const auto read = parsedM4A(path);
+        const auto read = parsedFile<KROAudioFileM4AContent>(path);
         ASSERT_TRUE(read);
         const std::vector<float> ours = samplesOf(*allAudio(*read));
         ASSERT_EQ(ours.size(), theirs.size());
@@ -162,7 +122,7 @@ TEST(KROAudioFileM4AContent, DamagedFilesFailOrReadWhatTheyHold) {
     const fs::path path = directory / "damaged.m4a";
     KROWriteTestFile(path, KROData(bytes.begin(), bytes.begin() + 40));
     KROErrorPtr error;
-    EXPECT_FALSE(parsedM4A(path, &error));
+    EXPECT_FALSE(parsedFile<KROAudioFileM4AContent>(path, &error));
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code(), 1);
     EXPECT_EQ(error->className(), "KROAudioFileM4AContentError");
@@ -173,7 +133,7 @@ TEST(KROAudioFileM4AContent, DamagedFilesFailOrReadWhatTheyHold) {
          good.string());
     const KROData indexed = KROReadTestFile(good);
     KROWriteTestFile(path, KROData(indexed.begin(), indexed.end() - indexed.size() / 3));
-    const auto read = parsedM4A(path);
+    const auto read = parsedFile<KROAudioFileM4AContent>(path);
     ASSERT_TRUE(read);
     EXPECT_EQ(samplesOf(*allAudio(*read)).size(), read->frames());
 }

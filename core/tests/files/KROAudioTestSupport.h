@@ -104,6 +104,34 @@ inline std::shared_ptr<KROAudioBufferList> allAudio(KROAudioFileContent& content
     return buffer;
 }
 
+// The frames from start on, read in blocks of block frames (0: one block),
+// as a reader that starts there gets them.
+inline std::vector<float> samplesFrom(KROAudioFileContent& content, std::uint64_t start,
+                                      std::uint64_t block = 0) {
+    if (block == 0) {
+        block = std::max<std::uint64_t>(content.frames() - std::min(start, content.frames()), 1);
+    }
+    std::vector<float> samples;
+    const auto buffer = KROAudioBufferList::bufferListWithChannels(
+        static_cast<std::uint32_t>(content.numberOfChannels()), block);
+    for (std::uint64_t frame = start; frame < content.frames(); frame += block) {
+        buffer->setFrames(block);
+        EXPECT_TRUE(content.getAudio(*buffer, frame));
+        const std::vector<float> more = samplesOf(*buffer);
+        samples.insert(samples.end(), more.begin(), more.end());
+    }
+    return samples;
+}
+
+// The RMS of the difference of two runs of samples, over the first's length.
+inline double rmsDifference(const std::vector<float>& a, const std::vector<float>& b) {
+    double sum = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        sum += (double(a[i]) - b[i]) * (double(a[i]) - b[i]);
+    }
+    return std::sqrt(sum / double(std::max<std::size_t>(a.size(), 1)));
+}
+
 // Writes the buffer with the handler at path: 48 kHz, the buffer's
 // channels, 16 bits unless setUp says otherwise; setUp adds labels and metadata.
 template <typename Content>
