@@ -24,8 +24,6 @@ void touchVoice(KROMIDIMessage& message, std::uint8_t value) {
         controller->setFloatValue(controller->floatValue() * float(value) - 1.0f);
     if (auto* pitch = dynamic_cast<KROMIDIPitchWheelMessage*>(&message))
         pitch->setFloatValue(pitch->floatValue() * float(value)), pitch->setValue(pitch->value());
-    if (auto* position = dynamic_cast<KROMIDISongPositionMessage*>(&message))
-        position->setBeat(std::uint16_t(position->beat() * value));
 }
 
 void touchSystemExclusive(KROMIDIMessage& message, std::uint8_t value) {
@@ -36,14 +34,11 @@ void touchSystemExclusive(KROMIDIMessage& message, std::uint8_t value) {
         (void)sysex->manufacturerID();
     }
     if (auto* frame = dynamic_cast<KROMIDIMTCFullFrameMessage*>(&message)) {
-        frame->setRate(frame->rate());
-        frame->setHours(frame->hours() + value), frame->setFrames(frame->frames());
+        frame->setRate(frame->rate()), frame->setHours(frame->hours() + value);
     }
     if (auto* header = dynamic_cast<KROMIDISDSHeaderMessage*>(&message)) {
         (void)header->frameForWord(header->wordForFrame(header->frames()));
-        const auto loop = header->loop();
-        header->setLoop(loop.get());
-        header->setRate(header->rate());
+        header->setLoop(header->loop().get());
     }
     if (auto* data = dynamic_cast<KROMIDISDSDataMessage*>(&message)) {
         if (data->confirmChecksum() && data->data()) {
