@@ -65,6 +65,9 @@ TEST(KROMIDISDSHeaderMessage, BuildsExactBytes) {
     EXPECT_DOUBLE_EQ(back->start(), 1.0);
     EXPECT_DOUBLE_EQ(back->end(), 2.0);
     EXPECT_EQ(*back->valueForKey("loopType")->stringValue(), "backward");
+    // Whole numbers truncate: 48000 Hz is 20833 ns, which reads back 48000.
+    header->setRate(48000);
+    EXPECT_EQ(header->rate(), 48000u);
 
     // No loop label: the loop spans the length, and the loop type stays.
     header->setLoop(nullptr);
