@@ -60,7 +60,7 @@ TEST(KROAudioFileContent, HandlersStillToComeAreHeldByStandIns) {
         "KROAudioFileAIFFContent", "KROAudioFileCAFContent",    "KROAudioFileSFILContent",
         "KROAudioFileAUContent",   "KROAudioFileWAV64Content",  "KROAudioFileMP3Content",
         "KROAudioFileM4AContent",  "KROAudioFileVorbisContent", "KROAudioFileFLACContent",
-        "KROAudioFileVOXContent",  "KROAudioFileDDPContent",    "KROAudioFileSDIIContent",
+        "KROAudioFileVOXContent",  "KROAudioFileSDIIContent",
     };
     std::vector<std::string> standIns;
     for (const auto& handler : KROAudioFileContent::fileContentClasses()) {
@@ -69,7 +69,7 @@ TEST(KROAudioFileContent, HandlersStillToComeAreHeldByStandIns) {
         }
     }
     EXPECT_EQ(standIns, stillToCome);
-    for (const char* format : {"AIFF File", "DDP", ""}) {
+    for (const char* format : {"AIFF File", ""}) {
         EXPECT_FALSE(KROAudioFileContent::fileContentClassForFormat(format)) << format;
     }
 }

@@ -7,7 +7,7 @@ const std::vector<std::string>& KROAudioFileContentStandIn::standInNames() {
         "KROAudioFileAIFFContent", "KROAudioFileCAFContent",    "KROAudioFileSFILContent",
         "KROAudioFileAUContent",   "KROAudioFileWAV64Content",  "KROAudioFileMP3Content",
         "KROAudioFileM4AContent",  "KROAudioFileVorbisContent", "KROAudioFileFLACContent",
-        "KROAudioFileVOXContent",  "KROAudioFileDDPContent",    "KROAudioFileSDIIContent",
+        "KROAudioFileVOXContent",  "KROAudioFileSDIIContent",
     };
     return names;
 }
