@@ -71,17 +71,33 @@ bool copyAudio(KROAudioFileContent& input, KROAudioFileContent& output, KROError
     return true;
 }
 
-// Moves the finished file to its name; across file systems by a copy.
+// Moves the finished file (or image directory) to its name; across file
+// systems by a copy.
 bool moveIntoPlace(const fs::path& from, const fs::path& to, std::string& message) {
     std::error_code failure;
     fs::rename(from, to, failure);
     if (failure) {
         failure.clear();
-        fs::copy_file(from, to, fs::copy_options::overwrite_existing, failure);
-        fs::remove(from);
+        fs::copy(from, to, fs::copy_options::overwrite_existing | fs::copy_options::recursive,
+                 failure);
+        fs::remove_all(from);
     }
     message = failure ? "cannot write \"" + to.string() + "\": " + failure.message() + "." : "";
     return !failure;
+}
+
+// Disc images mark tracks and indexes; other files mark regions and
+// markers. Each kind becomes its counterpart in the other.
+std::shared_ptr<KROAudioLabel> convertedLabel(const KROAudioLabel& label, bool toDiscImage) {
+    auto copy = label.copy();
+    if (toDiscImage && label.type() == "region") {
+        copy->setType("track");
+    } else if (!toDiscImage && label.type() == "track") {
+        copy->setType("region");
+    } else if (!toDiscImage && label.type() == "index") {
+        copy->setType("marker");
+    }
+    return copy;
 }
 
 } // namespace
@@ -90,7 +106,10 @@ ConvertCommand::ConvertCommand(CLI::App& app) {
     command_ = app.add_subcommand(
         "convert", "Write an audio file again in another format, with its labels and metadata");
     command_->add_option("input", input_, "Audio file to read")->required();
-    command_->add_option("output", output_, "File to write; its extension names the file format")
+    command_
+        ->add_option("output", output_,
+                     "File to write; its extension names the file format, and a final \"/\" "
+                     "a DDP image directory")
         ->required();
     std::vector<std::string> names;
     for (const SampleFormat& format : sampleFormats) {
@@ -114,7 +133,10 @@ int ConvertCommand::run() const {
     if (!output) {
         return fail("no file format of kro writes files named \"" + output_ + "\".");
     }
-    const fs::path target = fs::absolute(output_);
+    fs::path target = fs::absolute(output_);
+    if (!target.has_filename()) {
+        target = target.parent_path();
+    }
     output->setWritingDirectory(target.parent_path());
     output->setSampleRate(input->sampleRate());
     output->setNumberOfChannels(input->numberOfChannels());
@@ -128,8 +150,9 @@ int ConvertCommand::run() const {
             output->setIsFloatingPoint(format.isFloat);
         }
     }
+    const bool toDiscImage = output->format() == "DDP";
     for (const auto& label : input->labels()) {
-        output->labels().push_back(label->copy());
+        output->labels().push_back(convertedLabel(*label, toDiscImage));
     }
     output->metadata() = input->metadata();
 
@@ -138,7 +161,7 @@ int ConvertCommand::run() const {
         !output->endWrite(&error)) {
         output->endWrite();
         std::error_code ignored;
-        fs::remove(output->URL(), ignored);
+        fs::remove_all(output->URL(), ignored);
         return fail(errorText(error));
     }
     if (!moveIntoPlace(output->URL(), target, message)) {
