@@ -7,7 +7,9 @@
 
 std::shared_ptr<KROAudioFileContent> openAudioFile(const std::string& path, std::string& message) {
     std::error_code ignored;
-    if (!std::filesystem::is_regular_file(path, ignored)) {
+    // A disc image is a directory of files.
+    if (!std::filesystem::is_regular_file(path, ignored) &&
+        !std::filesystem::is_directory(path, ignored)) {
         message = "\"" + path + "\" is not a file.";
         return nullptr;
     }
@@ -57,6 +59,9 @@ std::string sampleFormatText(const KROAudioFileContent& content) {
 }
 
 std::optional<KROAudioFileContentClass> writerClassForPath(const std::string& path) {
+    if (path.ends_with('/')) {
+        return KROAudioFileContent::fileContentClassForFormat("DDP");
+    }
     std::string extension = std::filesystem::path(path).extension().string();
     if (extension.empty()) {
         return std::nullopt;

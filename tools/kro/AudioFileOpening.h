@@ -28,5 +28,6 @@ std::optional<AudioFileSource> openAudioFileSource(const std::string& path, std:
 // "24-bit integer", "32-bit float", "8-bit mu-law" ...
 std::string sampleFormatText(const KROAudioFileContent& content);
 
-// The first handler with a format name whose extension is the path's.
+// The first handler with a format name whose extension is the path's; a
+// path that ends in "/" names a directory, written as a DDP image.
 std::optional<KROAudioFileContentClass> writerClassForPath(const std::string& path);

@@ -72,14 +72,16 @@ bool copyAudio(KROAudioFileContent& input, KROAudioFileContent& output, KROError
     return true;
 }
 
-// Moves the finished file to its name; across file systems by a copy.
+// Moves the finished file (or image directory) to its name; across file
+// systems by a copy.
 bool moveIntoPlace(const fs::path& from, const fs::path& to, std::string& message) {
     std::error_code failure;
     fs::rename(from, to, failure);
     if (failure) {
         failure.clear();
-        fs::copy_file(from, to, fs::copy_options::overwrite_existing, failure);
-        fs::remove(from);
+        fs::copy(from, to, fs::copy_options::overwrite_existing | fs::copy_options::recursive,
+                 failure);
+        fs::remove_all(from);
     }
     message = failure ? "cannot write \"" + to.string() + "\": " + failure.message() + "." : "";
     return !failure;
@@ -119,13 +121,30 @@ std::string droppedText(const KROAudioFileContent& input, const KROAudioFileCont
     return text;
 }
 
+// Disc images mark tracks and indexes; other files mark regions and
+// markers. Each kind becomes its counterpart in the other.
+std::shared_ptr<KROAudioLabel> convertedLabel(const KROAudioLabel& label, bool toDiscImage) {
+    auto copy = label.copy();
+    if (toDiscImage && label.type() == "region") {
+        copy->setType("track");
+    } else if (!toDiscImage && label.type() == "track") {
+        copy->setType("region");
+    } else if (!toDiscImage && label.type() == "index") {
+        copy->setType("marker");
+    }
+    return copy;
+}
+
 } // namespace
 
 ConvertCommand::ConvertCommand(CLI::App& app) {
     command_ = app.add_subcommand(
         "convert", "Write an audio file again in another format, with its labels and metadata");
     command_->add_option("input", input_, "Audio file to read")->required();
-    command_->add_option("output", output_, "File to write; its extension names the file format")
+    command_
+        ->add_option("output", output_,
+                     "File to write; its extension names the file format, and a final \"/\" "
+                     "a DDP image directory")
         ->required();
     std::vector<std::string> names;
     for (const SampleFormat& format : sampleFormats) {
@@ -149,7 +168,10 @@ int ConvertCommand::run() const {
     if (!output) {
         return fail("no file format of kro writes files named \"" + output_ + "\".");
     }
-    const fs::path target = fs::absolute(output_);
+    fs::path target = fs::absolute(output_);
+    if (!target.has_filename()) {
+        target = target.parent_path();
+    }
     output->setWritingDirectory(target.parent_path());
     output->setSampleRate(input->sampleRate());
     output->setNumberOfChannels(input->numberOfChannels());
@@ -170,8 +192,9 @@ int ConvertCommand::run() const {
             output->setIsFloatingPoint(format.isFloat);
         }
     }
+    const bool toDiscImage = output->format() == "DDP";
     for (const auto& label : input->labels()) {
-        output->labels().push_back(label->copy());
+        output->labels().push_back(convertedLabel(*label, toDiscImage));
     }
     output->metadata() = input->metadata();
 
@@ -180,7 +203,7 @@ int ConvertCommand::run() const {
         !output->endWrite(&error)) {
         output->endWrite();
         std::error_code ignored;
-        fs::remove(output->URL(), ignored);
+        fs::remove_all(output->URL(), ignored);
         return fail(errorText(error));
     }
     if (!moveIntoPlace(output->URL(), target, message)) {

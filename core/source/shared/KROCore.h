@@ -75,7 +75,6 @@
 #include "KROAudioFileChunkList.h"
 #include "KROAudioFileContent.h"
 #include "KROAudioFileContentClass.h"
-#include "KROAudioFileContentStandIn.h"
 #include "KROAudioFileWAVEContent.h"
 #include "KROAudioLabel.h"
 #include "KROAudioLabelMetadataItem.h"

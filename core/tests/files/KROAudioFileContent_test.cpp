@@ -8,7 +8,6 @@
 #include <csignal>
 #include <thread>
 
-#include "KROAudioFileContentStandIn.h"
 #include "KROAudioTestSupport.h"
 #include "KROClassRegistry.h"
 #include "KROTestCommand.h"
@@ -54,21 +53,18 @@ std::shared_ptr<KROTestWAVEContent> writerFor(const fs::path& directory, std::ui
 
 } // namespace
 
-// Handlers of later builds are stand-ins that take no file and no format.
-TEST(KROAudioFileContent, HandlersStillToComeAreHeldByStandIns) {
-    const std::vector<std::string> stillToCome = {
-        "KROAudioFileDDPContent",
-    };
-    std::vector<std::string> standIns;
-    for (const auto& handler : KROAudioFileContent::fileContentClasses()) {
-        if (std::dynamic_pointer_cast<KROAudioFileContentStandIn>(handler.makeContent())) {
-            standIns.push_back(handler.name());
-        }
+// Every handler the library has is registered and answers its own format;
+// a class with no format name is never asked for by one.
+TEST(KROAudioFileContent, EveryHandlerAnswersItsFormat) {
+    const auto classes = KROAudioFileContent::fileContentClasses();
+    EXPECT_GE(classes.size(), 13u);
+    for (const auto& handler : classes) {
+        SCOPED_TRACE(handler.name());
+        const auto found = KROAudioFileContent::fileContentClassForFormat(handler.format());
+        ASSERT_TRUE(found);
+        EXPECT_EQ(found->format(), handler.format());
     }
-    EXPECT_EQ(standIns, stillToCome);
-    for (const char* format : {"DDP", ""}) {
-        EXPECT_FALSE(KROAudioFileContent::fileContentClassForFormat(format)) << format;
-    }
+    EXPECT_FALSE(KROAudioFileContent::fileContentClassForFormat(""));
 }
 
 // Of two handlers that take a file the earlier row gets it; none is reported with the path.

@@ -127,4 +127,26 @@ TEST(KROConvertCommand, NamesWhatTheOutputFormatCannotHold) {
         }
         EXPECT_EQ(parsedWAVE(back)->frames(), 4800u);
     }
+TEST(KROConvertCommand, WritesADiscImageFromRegionsAndReadsItBack) {
+    KROTemporaryDirectory directory;
+    const fs::path input = directory / "album.wav";
+    const auto audio = rampBuffer(2, 3 * 44100, 1.0f / 128);
+    writeWAVE(input, *audio, [](KROAudioFileWAVEContent& content) {
+        content.setSampleRate(44100);
+        content.labels() = {testLabel("region", 0, 1, {{"name", "One"}}),
+                            testLabel("region", 1, 2, {{"name", "Two"}})};
+    });
+    const fs::path image = directory / "album.ddp";
+    const KROCommandResult written = kro("convert " + input.string() + " " + image.string() + "/");
+    EXPECT_EQ(written.status, 0);
+    EXPECT_EQ(written.output, "Wrote " + image.string() +
+                                  "/: DDP, 16-bit integer, 2 channels at 44100 Hz, 132300 frames, "
+                                  "2 labels.\n");
+    const fs::path back = directory / "back.wav";
+    EXPECT_EQ(kro("convert " + image.string() + " " + back.string()).status, 0);
+    const auto read = parsedWAVE(back);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(samplesOf(*allAudio(*read)), samplesOf(*audio));
+    EXPECT_EQ(labelTexts(*read, 75),
+              (std::vector<std::string>{"region 0+75 name=Track 1", "region 75+150 name=Track 2"}));
 }

@@ -294,14 +294,18 @@ bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64
 // ---------------------------------------------------------------- writing
 
 bool KROAudioFileContent::beginLinearWrite(KROErrorPtr* error) {
+    return makeConverterForWriting(error) && createWritingFile(error);
+}
+
+bool KROAudioFileContent::makeConverterForWriting(KROErrorPtr* error) {
     const auto floats =
         KROAudioStreamDescription::descriptionWithSampleRate(sampleRate_, numberOfChannels_);
     converter_ =
         KROAudioConverter::converterWithSourceFormat(*floats, *audioDataDescription(), error);
-    return converter_ != nullptr && createWritingFile(error);
+    return converter_ != nullptr;
 }
 
-bool KROAudioFileContent::createWritingFile(KROErrorPtr* error) {
+std::filesystem::path KROAudioFileContent::newWritingURL() const {
     std::filesystem::path directory = writingDirectory_;
     // Not writable is not a failure: the file goes where it can be written.
     if (directory.empty() || ::access(directory.c_str(), W_OK) != 0) {
@@ -310,7 +314,11 @@ bool KROAudioFileContent::createWritingFile(KROErrorPtr* error) {
     // Hidden from directory listings, and no two writers can pick the same name.
     std::string name = ".";
     name += newUUIDString();
-    URL_ = directory / name;
+    return directory / name;
+}
+
+bool KROAudioFileContent::createWritingFile(KROErrorPtr* error) {
+    URL_ = newWritingURL();
     if (!kro::createFile(URL_, error)) {
         return false;
     }

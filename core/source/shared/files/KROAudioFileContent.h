@@ -260,6 +260,11 @@ protected:
     // from floats to the file's samples, then the hidden file beside the
     // target, open in fileWriter_. The handler then writes its header.
     bool beginLinearWrite(KROErrorPtr* error);
+    // The converter from floats to the file's samples, in converter_.
+    bool makeConverterForWriting(KROErrorPtr* error);
+    // A new hidden name in writingDirectory when the process may write
+    // there, else in the temporary directory.
+    std::filesystem::path newWritingURL() const;
     // Creates a file named by a dot and a new UUID in writingDirectory when
     // the process may write there, else in the temporary directory, sets it
     // as URL and opens fileWriter_ on it.
