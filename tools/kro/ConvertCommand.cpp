@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <sstream>
 
 #include "AudioFileOpening.h"
 #include "KROError.h"
@@ -90,10 +91,11 @@ bool moveIntoPlace(const fs::path& from, const fs::path& to, std::string& messag
 // What the written file does not hold of the input: labels by type and
 // metadata keys, as "1 loop label, metadata originator, tempo"; empty when
 // it holds everything.
-std::string droppedText(const KROAudioFileContent& input, const KROAudioFileContent& written) {
+std::string droppedText(const KROAudioFileContent::Labels& sent, const KROPropertyList& metadata,
+                        const KROAudioFileContent& written) {
     std::vector<std::string> parts;
     std::map<std::string, long> labels;
-    for (const auto& label : input.labels()) {
+    for (const auto& label : sent) {
         ++labels[label->type()];
     }
     for (const auto& label : written.labels()) {
@@ -106,7 +108,7 @@ std::string droppedText(const KROAudioFileContent& input, const KROAudioFileCont
         }
     }
     std::string keys;
-    for (const std::string& key : input.metadata().allKeys()) {
+    for (const std::string& key : metadata.allKeys()) {
         if (!written.metadata().objectForKey(key)) {
             keys += (keys.empty() ? "metadata " : ", ") + key;
         }
@@ -193,9 +195,18 @@ int ConvertCommand::run() const {
         }
     }
     const bool toDiscImage = output->format() == "DDP";
+    // A disc plays 44.1 kHz; kro does not resample.
+    if (toDiscImage && input->sampleRate() != 44100.0) {
+        std::ostringstream rate;
+        rate << input->sampleRate();
+        return fail("a DDP image holds 44100 Hz audio; \"" + input_ + "\" is at " + rate.str() +
+                    " Hz.");
+    }
     for (const auto& label : input->labels()) {
         output->labels().push_back(convertedLabel(*label, toDiscImage));
     }
+    // The labels as sent, before the writer may consume any.
+    const KROAudioFileContent::Labels sentLabels = output->labels();
     output->metadata() = input->metadata();
 
     KROErrorPtr error;
@@ -216,7 +227,7 @@ int ConvertCommand::run() const {
               << output->labels().size() << " labels.\n";
     // Read back, so that what the format could not hold is named.
     if (const auto written = openAudioFile(target.string(), message)) {
-        const std::string dropped = droppedText(*input, *written);
+        const std::string dropped = droppedText(sentLabels, input->metadata(), *written);
         if (!dropped.empty()) {
             std::cout << "Not kept in " << output->format() << ": " << dropped << ".\n";
         }

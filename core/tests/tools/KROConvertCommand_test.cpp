@@ -127,6 +127,9 @@ TEST(KROConvertCommand, NamesWhatTheOutputFormatCannotHold) {
         }
         EXPECT_EQ(parsedWAVE(back)->frames(), 4800u);
     }
+}
+
+// Regions become tracks on a disc image and come back as regions.
 TEST(KROConvertCommand, WritesADiscImageFromRegionsAndReadsItBack) {
     KROTemporaryDirectory directory;
     const fs::path input = directory / "album.wav";
@@ -149,4 +152,16 @@ TEST(KROConvertCommand, WritesADiscImageFromRegionsAndReadsItBack) {
     EXPECT_EQ(samplesOf(*allAudio(*read)), samplesOf(*audio));
     EXPECT_EQ(labelTexts(*read, 75),
               (std::vector<std::string>{"region 0+75 name=Track 1", "region 75+150 name=Track 2"}));
+
+    // No resampling: audio at another rate is refused, not written too fast.
+    const fs::path other = directory / "other.wav";
+    writeWAVE(other, *audio);
+    const KROCommandResult refused =
+        kro("convert " + other.string() + " " + (directory / "other.ddp").string() + "/ 2>&1");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.output.find("a DDP image holds 44100 Hz audio; \"" + other.string() +
+                                  "\" is at 48000 Hz."),
+              std::string::npos)
+        << refused.output;
+    EXPECT_FALSE(fs::exists(directory / "other.ddp"));
 }
