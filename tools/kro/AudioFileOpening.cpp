@@ -28,8 +28,7 @@ std::shared_ptr<KROAudioFileContent> openAudioFile(const std::string& path, std:
     return content;
 }
 
-std::optional<AudioFileSource> openAudioFileSource(const std::string& path,
-                                                   std::string& message) {
+std::optional<AudioFileSource> openAudioFileSource(const std::string& path, std::string& message) {
     const auto content = openAudioFile(path, message);
     if (!content) {
         return std::nullopt;

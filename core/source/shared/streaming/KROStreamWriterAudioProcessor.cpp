@@ -129,8 +129,8 @@ KROStreamWriterAudioProcessor::waveformURLForClassName(const std::string& classN
         return {};
     }
     std::filesystem::path url = baseDirectory_ / baseFilename_;
-    url += KROStringWithFormatArguments(".%02lu.%@", static_cast<unsigned long>(channel),
-                                        className);
+    url +=
+        KROStringWithFormatArguments(".%02lu.%@", static_cast<unsigned long>(channel), className);
     return url;
 }
 
