@@ -38,7 +38,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // Each entry on its own, as the registry's processorWithSettings reads it.
     if (const KROPropertyList* entries = description->objectForKey("processors")) {
         for (std::size_t index = 0; index < entries->count(); ++index) {
-            (void)KROAudioProcessor::processorWithSettings(*entries->objectAtIndex(index), &error);
+            // An entry list that is no array has no entries to read.
+            if (const KROPropertyList* entry = entries->objectAtIndex(index)) {
+                (void)KROAudioProcessor::processorWithSettings(*entry, &error);
+            }
         }
     }
     return 0;
