@@ -237,8 +237,9 @@ bool KROAudioFileContent::makeConverterForReading(KROErrorPtr* error) {
     return converter_ != nullptr;
 }
 
-bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64_t frame,
-                                         KROErrorPtr* error) {
+bool KROAudioFileContent::prepareGetAudio(KROAudioBufferList& buffer, std::uint64_t frame,
+                                          std::uint64_t* count, KROErrorPtr* error) {
+    *count = 0;
     if (buffer.numberOfChannels() != numberOfChannels_) {
         return KROFail<KROAudioFileContentError>(error, 1, "KROAudioFileContent_action_getAudio");
     }
@@ -249,9 +250,22 @@ bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64
         buffer.clear();
         return true;
     }
-    const std::uint64_t count = std::min(buffer.frameCapacity(), frames_ - frame);
-    if (!buffer.setFrames(count, error)) {
+    const std::uint64_t available = std::min(buffer.frameCapacity(), frames_ - frame);
+    if (!buffer.setFrames(available, error)) {
         return false;
+    }
+    *count = available;
+    return true;
+}
+
+bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64_t frame,
+                                         KROErrorPtr* error) {
+    std::uint64_t count = 0;
+    if (!prepareGetAudio(buffer, frame, &count, error)) {
+        return false;
+    }
+    if (count == 0) {
+        return true;
     }
     const std::uint64_t bytesPerFrame = audioDataLengthOfFrames(1);
     // Cut to 32 bits, as the converter counts bytes.

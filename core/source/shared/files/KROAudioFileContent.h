@@ -247,11 +247,17 @@ protected:
     AudioFormatFlags signedAudioDataFormatFlags() const;
     // The interleaved samples of the file as a stream description.
     std::shared_ptr<KROAudioStreamDescription> audioDataDescription() const;
+    // The checks every getAudio starts with. The buffer must have
+    // numberOfChannels channels (else KROAudioFileContentError code 1). A
+    // buffer of 0 frames has nothing to read; from frames on, the buffer is
+    // silent with its count left as it was, and nothing is read either.
+    // Otherwise the buffer is cut to the frames the file still has. Sets
+    // *count to the frames to read, 0 when there are none.
+    bool prepareGetAudio(KROAudioBufferList& buffer, std::uint64_t frame, std::uint64_t* count,
+                         KROErrorPtr* error);
     // getAudio of a handler whose samples are a block of fixed-size frames
-    // at audioDataPosition. The buffer must have numberOfChannels channels
-    // (else KROAudioFileContentError code 1). A buffer of 0 frames succeeds
-    // at once; from frames on, the buffer is silent with its count left as it
-    // was. A file that ends early reads as silence where it has no bytes.
+    // at audioDataPosition, after prepareGetAudio. A file that ends early
+    // reads as silence where it has no bytes.
     bool getLinearAudio(KROAudioBufferList& buffer, std::uint64_t frame, KROErrorPtr* error);
 
     // ---- Writing

@@ -293,19 +293,12 @@ bool KROAudioFileFLACContent::parse(KROErrorPtr* error) {
 
 bool KROAudioFileFLACContent::getAudio(KROAudioBufferList& buffer, std::uint64_t frame,
                                        KROErrorPtr* error) {
-    if (buffer.numberOfChannels() != numberOfChannels()) {
-        return KROFail<KROAudioFileContentError>(error, 1, "KROAudioFileContent_action_getAudio");
-    }
-    if (buffer.frames() == 0) {
-        return true;
-    }
-    if (frame >= frames()) {
-        buffer.clear();
-        return true;
-    }
-    const std::uint64_t count = std::min(buffer.frameCapacity(), frames() - frame);
-    if (!buffer.setFrames(count, error)) {
+    std::uint64_t count = 0;
+    if (!prepareGetAudio(buffer, frame, &count, error)) {
         return false;
+    }
+    if (count == 0) {
+        return true;
     }
     const KROSampleFormat format = flacSampleFormat(bitDepth());
     std::lock_guard guard(readLock_);

@@ -447,19 +447,12 @@ bool KROAudioFileM4AContent::parse(KROErrorPtr* error) {
 
 bool KROAudioFileM4AContent::getAudio(KROAudioBufferList& buffer, std::uint64_t frame,
                                       KROErrorPtr* error) {
-    if (buffer.numberOfChannels() != numberOfChannels()) {
-        return KROFail<KROAudioFileContentError>(error, 1, "KROAudioFileContent_action_getAudio");
-    }
-    if (buffer.frames() == 0) {
-        return true;
-    }
-    if (frame >= frames()) {
-        buffer.clear();
-        return true;
-    }
-    const std::uint64_t count = std::min(buffer.frameCapacity(), frames() - frame);
-    if (!buffer.setFrames(count, error)) {
+    std::uint64_t count = 0;
+    if (!prepareGetAudio(buffer, frame, &count, error)) {
         return false;
+    }
+    if (count == 0) {
+        return true;
     }
     std::lock_guard guard(readLock_);
     if (!decoder_ || !decoder_->codec) {
