@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <unistd.h>
 #include <uuid/uuid.h>
@@ -98,13 +99,34 @@ KROAudioFileContent::fileContentClassForFormat(std::string_view format) {
 }
 
 bool KROAudioFileContent::fileStartsWith(const std::filesystem::path& url, std::string_view magic) {
+    return fileHead(url, magic.size()) == magic;
+}
+
+std::string KROAudioFileContent::fileHead(const std::filesystem::path& url, std::size_t count,
+                                          bool afterID3Tag) {
     std::error_code ignored;
     if (!std::filesystem::is_regular_file(url, ignored)) {
-        return false;
+        return {};
     }
     std::ifstream file(url, std::ios::binary);
-    std::string start(magic.size(), '\0');
-    return file.read(start.data(), static_cast<std::streamsize>(start.size())) && start == magic;
+    const auto bytesAt = [&file](std::uint64_t offset, std::size_t length) {
+        std::string bytes(length, '\0');
+        file.clear();
+        file.seekg(static_cast<std::streamoff>(offset));
+        file.read(bytes.data(), static_cast<std::streamsize>(length));
+        bytes.resize(static_cast<std::size_t>(std::max<std::streamsize>(file.gcount(), 0)));
+        return bytes;
+    };
+    std::uint64_t offset = 0;
+    const std::string tag = afterID3Tag ? bytesAt(0, 10) : std::string();
+    if (tag.size() == 10 && tag.starts_with("ID3")) {
+        std::uint32_t size = 0;
+        std::memcpy(&size, tag.data() + 6, 4);
+        // A footer adds ten bytes more.
+        offset =
+            10 + std::uint64_t{decodedID3TagSynchsafeValue(size)} + ((tag[5] & 0x10) != 0 ? 10 : 0);
+    }
+    return bytesAt(offset, count);
 }
 
 // ---------------------------------------------------------------- protocol

@@ -212,6 +212,12 @@ protected:
     // Whether the URL names an existing regular file whose first bytes are
     // the magic: how most handlers recognise their files.
     static bool fileStartsWith(const std::filesystem::path& url, std::string_view magic);
+    // Up to count bytes of the regular file at the URL, from its start or,
+    // with afterID3Tag, from past an ID3v2 tag that starts it (other formats
+    // carry such tags at their start too; what follows decides); fewer when
+    // the file is shorter, none when the URL names no regular file.
+    static std::string fileHead(const std::filesystem::path& url, std::size_t count,
+                                bool afterID3Tag = false);
 
     // ---- Failures
 

@@ -79,13 +79,7 @@ std::string KROAudioFileCAFContent::extension() const {
 }
 
 bool KROAudioFileCAFContent::supportsURL(const std::filesystem::path& url) const {
-    std::error_code ignored;
-    if (!std::filesystem::is_regular_file(url, ignored)) {
-        return false;
-    }
-    std::ifstream file(url, std::ios::binary);
-    char magic[4] = {};
-    return file.read(magic, sizeof magic) && std::string_view(magic, 4) == "caff";
+    return fileStartsWith(url, "caff");
 }
 
 KROErrorPtr KROAudioFileCAFContent::errorWithCode(std::int64_t code,

@@ -209,26 +209,7 @@ std::string KROAudioFileFLACContent::extension() const {
 }
 
 bool KROAudioFileFLACContent::supportsURL(const std::filesystem::path& url) const {
-    std::error_code ignored;
-    if (!std::filesystem::is_regular_file(url, ignored)) {
-        return false;
-    }
-    std::ifstream file(url, std::ios::binary);
-    unsigned char head[10] = {};
-    if (!file.read(reinterpret_cast<char*>(head), 4)) {
-        return false;
-    }
-    if (std::string_view(reinterpret_cast<const char*>(head), 3) == "ID3" &&
-        file.read(reinterpret_cast<char*>(head) + 4, 6)) {
-        const std::uint32_t size = (std::uint32_t{head[6]} & 0x7F) << 21 |
-                                   (std::uint32_t{head[7]} & 0x7F) << 14 |
-                                   (std::uint32_t{head[8]} & 0x7F) << 7 | (head[9] & 0x7F);
-        file.seekg(10 + size);
-        if (!file.read(reinterpret_cast<char*>(head), 4)) {
-            return false;
-        }
-    }
-    return std::string_view(reinterpret_cast<const char*>(head), 4) == "fLaC";
+    return fileHead(url, 4, true) == "fLaC";
 }
 
 KROErrorPtr KROAudioFileFLACContent::errorWithCode(std::int64_t code,

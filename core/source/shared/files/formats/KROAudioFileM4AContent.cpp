@@ -371,13 +371,8 @@ std::string KROAudioFileM4AContent::extension() const {
 }
 
 bool KROAudioFileM4AContent::supportsURL(const std::filesystem::path& url) const {
-    std::error_code ignored;
-    if (!std::filesystem::is_regular_file(url, ignored)) {
-        return false;
-    }
-    std::ifstream file(url, std::ios::binary);
-    char head[8] = {};
-    return file.read(head, sizeof head) && std::string_view(head + 4, 4) == "ftyp";
+    const std::string head = fileHead(url, 8);
+    return head.size() == 8 && head.ends_with("ftyp");
 }
 
 KROErrorPtr KROAudioFileM4AContent::errorWithCode(std::int64_t code,

@@ -30,18 +30,6 @@ constexpr float defaultQuality = 0.8f;
 // Frames handed to the encoder at once.
 constexpr std::size_t encodeBlock = 4096;
 
-// The 10 + size bytes of an ID3v2 tag that starts the bytes, or 0.
-std::size_t id3TagLength(const unsigned char* bytes, std::size_t length) {
-    if (length < 10 || bytes[0] != 'I' || bytes[1] != 'D' || bytes[2] != '3') {
-        return 0;
-    }
-    const std::size_t size = (std::size_t{bytes[6]} & 0x7F) << 21 |
-                             (std::size_t{bytes[7]} & 0x7F) << 14 |
-                             (std::size_t{bytes[8]} & 0x7F) << 7 | (bytes[9] & 0x7F);
-    // A footer adds ten bytes more.
-    return 10 + size + ((bytes[5] & 0x10) != 0 ? 10 : 0);
-}
-
 // Sync, a known MPEG version and layer, a bitrate that is not the free or
 // bad one and a known rate.
 bool isFrameHeader(const unsigned char* bytes) {
@@ -113,27 +101,8 @@ std::string KROAudioFileMP3Content::extension() const {
 }
 
 bool KROAudioFileMP3Content::supportsURL(const std::filesystem::path& url) const {
-    std::error_code ignored;
-    if (!std::filesystem::is_regular_file(url, ignored)) {
-        return false;
-    }
-    std::ifstream file(url, std::ios::binary);
-    unsigned char head[10] = {};
-    file.read(reinterpret_cast<char*>(head), sizeof head);
-    const auto length = static_cast<std::size_t>(file.gcount());
-    const std::size_t tag = id3TagLength(head, length);
-    if (tag > 0) {
-        // Other formats carry ID3 tags at their start too; what follows decides.
-        file.clear();
-        file.seekg(static_cast<std::streamoff>(tag));
-        file.read(reinterpret_cast<char*>(head), 4);
-        if (file.gcount() < 4) {
-            return false;
-        }
-    } else if (length < 4) {
-        return false;
-    }
-    return isFrameHeader(head);
+    const std::string head = fileHead(url, 4, true);
+    return head.size() == 4 && isFrameHeader(reinterpret_cast<const unsigned char*>(head.data()));
 }
 
 KROErrorPtr KROAudioFileMP3Content::errorWithCode(std::int64_t code,

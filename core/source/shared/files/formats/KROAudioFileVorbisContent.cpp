@@ -109,20 +109,13 @@ std::string KROAudioFileVorbisContent::extension() const {
 }
 
 bool KROAudioFileVorbisContent::supportsURL(const std::filesystem::path& url) const {
-    std::error_code ignored;
-    if (!std::filesystem::is_regular_file(url, ignored)) {
-        return false;
-    }
     // A page header of 27 bytes, its segment table, then "\x01vorbis".
-    std::ifstream file(url, std::ios::binary);
-    unsigned char page[27 + 255 + 7] = {};
-    file.read(reinterpret_cast<char*>(page), sizeof page);
-    const auto length = static_cast<std::size_t>(file.gcount());
-    if (length < 27 || std::memcmp(page, "OggS", 4) != 0) {
+    const std::string page = fileHead(url, 27 + 255 + 7);
+    if (page.size() < 27 || !page.starts_with("OggS")) {
         return false;
     }
-    const std::size_t packet = 27 + std::size_t{page[26]};
-    return length >= packet + 7 && std::memcmp(page + packet, "\x01vorbis", 7) == 0;
+    const std::size_t packet = 27 + std::size_t{static_cast<unsigned char>(page[26])};
+    return page.size() >= packet + 7 && page.compare(packet, 7, "\x01vorbis") == 0;
 }
 
 KROErrorPtr KROAudioFileVorbisContent::errorWithCode(std::int64_t code,
