@@ -1,11 +1,12 @@
 // Writing and reading WAVE files of stereo 16-bit, 24-bit and float samples
-// at 48 kHz, through the WAVE handler and through libsndfile in the same
-// run, each in its own shape of floats: the handler non-interleaved,
+// and AIFF files of 16 and 24-bit samples at 48 kHz, through the handlers and
+// through libsndfile in the same run, each in its own shape of floats: the
+// handlers non-interleaved,
 // libsndfile interleaved, both in blocks of 65536 frames. Goal: at least as
-// fast as libsndfile. The ratios (frames per second of the handler over
+// fast as libsndfile. The ratios (frames per second of a handler over
 // libsndfile's) are printed after the table.
 //
-// The files last KRO_BENCH_WAVE_SECONDS seconds (default 600, ten minutes)
+// The files last KRO_BENCH_FILE_SECONDS seconds (default 600, ten minutes)
 // and lie in the temporary directory ($TMPDIR or /tmp). Both sides read the
 // same file, written by libsndfile and warm in the page cache.
 #include <benchmark/benchmark.h>
@@ -21,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "KROAudioFileAIFFContent.h"
 #include "KROAudioFileWAVEContent.h"
 #include "KROBenchmarkSupport.h"
 #include "KROStringHelpers.h"
@@ -35,26 +37,42 @@ constexpr double sampleRate = 48000;
 constexpr std::uint32_t channels = 2;
 
 std::uint64_t totalFrames() {
-    const char* text = std::getenv("KRO_BENCH_WAVE_SECONDS");
+    const char* text = std::getenv("KRO_BENCH_FILE_SECONDS");
     const double seconds = text ? std::strtod(text, nullptr) : 600.0;
     return static_cast<std::uint64_t>((seconds > 0 ? seconds : 600.0) * sampleRate);
 }
+
+struct SampleFormat;
+using Writer = bool (*)(const SampleFormat&);
+using Reader = std::uint64_t (*)(const std::filesystem::path&);
 
 struct SampleFormat {
     const char* name;
     std::uint64_t bitDepth;
     bool isFloat;
     int libsndfileFormat;
+    Writer write;
+    Reader read;
 };
+
+template <typename Content> bool writeWithKROCore(const SampleFormat& format);
+template <typename Content> std::uint64_t readWithKROCore(const fs::path& path);
+
+constexpr auto writeWAVE = writeWithKROCore<KROAudioFileWAVEContent>;
+constexpr auto readWAVE = readWithKROCore<KROAudioFileWAVEContent>;
+constexpr auto writeAIFF = writeWithKROCore<KROAudioFileAIFFContent>;
+constexpr auto readAIFF = readWithKROCore<KROAudioFileAIFFContent>;
 const SampleFormat formats[] = {
-    {"16-bit", 16, false, SF_FORMAT_WAV | SF_FORMAT_PCM_16},
-    {"24-bit", 24, false, SF_FORMAT_WAV | SF_FORMAT_PCM_24},
-    {"float", 32, true, SF_FORMAT_WAV | SF_FORMAT_FLOAT},
+    {"WAVE/16-bit", 16, false, SF_FORMAT_WAV | SF_FORMAT_PCM_16, writeWAVE, readWAVE},
+    {"WAVE/24-bit", 24, false, SF_FORMAT_WAV | SF_FORMAT_PCM_24, writeWAVE, readWAVE},
+    {"WAVE/float", 32, true, SF_FORMAT_WAV | SF_FORMAT_FLOAT, writeWAVE, readWAVE},
+    {"AIFF/16-bit", 16, false, SF_FORMAT_AIFF | SF_FORMAT_PCM_16, writeAIFF, readAIFF},
+    {"AIFF/24-bit", 24, false, SF_FORMAT_AIFF | SF_FORMAT_PCM_24, writeAIFF, readAIFF},
 };
 
 fs::path benchPath(const std::string& name) {
     return kro::temporaryDirectory() /
-           ("krocore-wave-bench-" + std::to_string(::getpid()) + "-" + name + ".wav");
+           ("krocore-file-bench-" + std::to_string(::getpid()) + "-" + name);
 }
 
 // A quiet sine-like ramp, the same in both shapes.
@@ -99,8 +117,8 @@ bool writeWithLibsndfile(const fs::path& path, const SampleFormat& format) {
     return sf_close(file) == 0;
 }
 
-bool writeWithKROCore(const SampleFormat& format) {
-    KROAudioFileWAVEContent content;
+template <typename Content> bool writeWithKROCore(const SampleFormat& format) {
+    Content content;
     content.setWritingDirectory(kro::temporaryDirectory());
     content.setSampleRate(sampleRate);
     content.setNumberOfChannels(channels);
@@ -127,7 +145,7 @@ std::map<std::string, fs::path>& sourceFiles() {
 const fs::path& sourceFile(const SampleFormat& format) {
     auto& path = sourceFiles()[format.name];
     if (path.empty()) {
-        path = benchPath(std::string("source-") + format.name);
+        path = benchPath("source-" + std::to_string(&format - formats));
         writeWithLibsndfile(path, format);
     }
     return path;
@@ -149,8 +167,8 @@ std::uint64_t readWithLibsndfile(const fs::path& path) {
     return frames;
 }
 
-std::uint64_t readWithKROCore(const fs::path& path) {
-    KROAudioFileWAVEContent content;
+template <typename Content> std::uint64_t readWithKROCore(const fs::path& path) {
+    Content content;
     content.setURL(path);
     if (!content.parse()) {
         return 0;
@@ -182,7 +200,7 @@ void registerBenchmarks() {
                                      [&format](benchmark::State& state) {
                                          bool ok = true;
                                          for (auto _ : state) {
-                                             ok = writeWithKROCore(format) && ok;
+                                             ok = format.write(format) && ok;
                                          }
                                          finish(state, ok);
                                      })
@@ -203,7 +221,7 @@ void registerBenchmarks() {
             [&format](benchmark::State& state) {
                 bool ok = true;
                 for (auto _ : state) {
-                    ok = readWithKROCore(sourceFile(format)) == totalFrames() && ok;
+                    ok = format.read(sourceFile(format)) == totalFrames() && ok;
                 }
                 finish(state, ok);
             })
@@ -228,14 +246,14 @@ public:
 
     void Finalize() override {
         KROCounterReporter::Finalize();
-        std::cout << "\nFrames per second of the WAVE handler over libsndfile's:\n";
+        std::cout << "\nFrames per second of the handlers over libsndfile's:\n";
         for (const char* direction : {"write", "read"}) {
             for (const SampleFormat& format : formats) {
                 const std::string base = std::string(direction) + "/" + format.name;
                 const double ours = figure(base + "/KROCore");
                 const double theirs = figure(base + "/libsndfile");
                 if (ours > 0 && theirs > 0) {
-                    std::cout << "  " << std::left << std::setw(14) << base << std::fixed
+                    std::cout << "  " << std::left << std::setw(18) << base << std::fixed
                               << std::setprecision(2) << ours / theirs << "x\n";
                 }
             }
