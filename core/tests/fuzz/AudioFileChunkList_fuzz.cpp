@@ -1,9 +1,6 @@
 // The chunk walkers on a file walked as RIFF, IFF, Wave64 and CAF, each chunk
 // then read as a handler reads a damaged file. An allocation beyond the
 // file's size is a finding too.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -11,20 +8,11 @@
 #include "KROAIFFChunkList.h"
 #include "KROCAFChunkList.h"
 #include "KROFileReader.h"
+#include "KROFuzzInputFile.h"
 #include "KROWAV64ChunkList.h"
 #include "KROWAVEChunkList.h"
 
 namespace {
-
-// The file of the current input, in memory, reached by a path.
-std::string inputPath(const std::uint8_t* data, std::size_t size) {
-    static const int descriptor = ::memfd_create("chunks", 0);
-    if (::ftruncate(descriptor, 0) != 0 ||
-        ::pwrite(descriptor, data, size, 0) != static_cast<ssize_t>(size)) {
-        __builtin_trap();
-    }
-    return "/proc/self/fd/" + std::to_string(descriptor);
-}
 
 std::size_t readAt(const KROAudioFileChunk& chunk, std::uint64_t position) {
     // Summed as doubles: the values are whatever the file holds.
@@ -82,7 +70,7 @@ template <typename List> std::size_t walk(KROFileReader& reader, std::uint64_t c
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::string path = inputPath(data, size);
+    const std::string path = KROFuzzInputPath(data, size);
     // A position taken from the input, so that reads reach every part of a chunk.
     std::uint64_t chosen = 0;
     for (std::size_t i = 0; i < size && i < 8; ++i) {

@@ -1,8 +1,10 @@
 // The body of the fuzz targets of the format handlers: the input is a file,
-// parsed by the handler; when it parses, its first and last frames are read,
-// and, for handlers that write, its labels and metadata are written to a new
-// file and read back, so that whatever a damaged file makes of them reaches
-// the writer too.
+// parsed by the handler; when it parses, frames at its start, middle and end
+// are read and then the start again, so that a decoder runs over damaged
+// frames and seeks back into them; with writes, its labels and metadata are
+// written to a new file and read back, so that whatever a damaged file makes
+// of them reaches the writer too. Any crash, sanitizer report, leak, hang or
+// allocation beyond the file's size is a finding.
 #pragma once
 
 #include <cstddef>
@@ -19,9 +21,10 @@ template <typename Content> void KROFuzzReadEdges(Content& content) {
         return;
     }
     const auto buffer = KROAudioBufferList::bufferListWithChannels(
-        static_cast<std::uint32_t>(content.numberOfChannels()), 16);
-    for (const std::uint64_t frame : {std::uint64_t{0}, content.frames() - 1}) {
-        buffer->setFrames(16);
+        static_cast<std::uint32_t>(content.numberOfChannels()), 512);
+    const std::uint64_t frames = content.frames();
+    for (const std::uint64_t frame : {std::uint64_t{0}, frames / 2, frames - 1, std::uint64_t{0}}) {
+        buffer->setFrames(512);
         content.getAudio(*buffer, frame);
     }
 }

@@ -1,7 +1,7 @@
 // libFuzzer target for the Vorbis handler's parse and first reads.
 #include "KROAudioFileVorbisContent.h"
-#include "KROFuzzCodecContent.h"
+#include "KROFuzzAudioFileContent.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    return KROFuzzCodecContent<KROAudioFileVorbisContent>(data, size);
+    return KROFuzzAudioFileContent<KROAudioFileVorbisContent>(data, size, false);
 }
