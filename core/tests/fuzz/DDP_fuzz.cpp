@@ -4,7 +4,6 @@
 // They are laid out in a directory and parsed; when the image parses, its
 // first and last frames are read. Any crash, read past a buffer, leak or
 // sanitizer report is a finding.
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -15,6 +14,7 @@
 #include <string_view>
 
 #include "KROAudioFileDDPContent.h"
+#include "KROFuzzInputFile.h"
 
 namespace {
 
@@ -23,17 +23,8 @@ namespace fs = std::filesystem;
 constexpr std::string_view separator = "\n@@\n";
 constexpr const char* names[] = {"DDPID", "DDPMS", "PQ_DESCR", "CDTEXT.BIN", "image.dat"};
 
-const fs::path& imageDirectory() {
-    static const fs::path directory = [] {
-        fs::path path = fs::path("/dev/shm") / ("ddp-fuzz-" + std::to_string(::getpid()));
-        fs::create_directories(path);
-        return path;
-    }();
-    return directory;
-}
-
 void layOut(std::string_view input) {
-    const fs::path& directory = imageDirectory();
+    const fs::path& directory = KROFuzzScratchDirectory();
     for (const char* name : names) {
         fs::remove(directory / name);
     }
@@ -53,7 +44,7 @@ void layOut(std::string_view input) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     layOut(std::string_view(reinterpret_cast<const char*>(data), size));
     KROAudioFileDDPContent content;
-    content.setURL(imageDirectory());
+    content.setURL(KROFuzzScratchDirectory());
     if (content.parse()) {
         const auto buffer = KROAudioBufferList::bufferListWithChannels(2, 16);
         for (const std::uint64_t frame : {std::uint64_t{0}, content.frames() - 1}) {
