@@ -104,29 +104,8 @@ bool KROAudioFileWAV64Content::parse(KROErrorPtr* error) {
     }
     KROWAV64ChunkList chunks;
     chunks.initWithFileReader(*fileReader_);
-    const auto format = chunks.chunkOfType(fourCC("fmt "));
-    if (!format) {
-        return failWithFileName(error, noFormatChunk, "KROAudioFileContent_action_parsing");
-    }
-    if (!readFormatChunk(*format, error)) {
+    if (!readFormatAndAudioData(chunks, error)) {
         return false;
-    }
-    const auto data = chunks.chunkOfType(fourCC("data"));
-    if (!data) {
-        return failWithFileName(error, noAudioChunk, "KROAudioFileContent_action_parsing");
-    }
-    const std::uint64_t bytesPerFrame = audioDataLengthOfFrames(1);
-    if (bytesPerFrame == 0) {
-        return failWithFileName(error, impossibleFormat, "KROAudioFileContent_action_parsing");
-    }
-    audioDataPosition_ = data->dataLocation();
-    audioDataLength_ = data->dataLength();
-    setFrames(audioDataLength_ / bytesPerFrame);
-
-    for (const auto& chunk : chunks.list()) {
-        if (chunk->type() != fourCC("data") && chunk->dataLength() <= loadedChunkLimit) {
-            chunk->loadFromFile();
-        }
     }
     // Only chunks the file holds in full are read: a size that runs past the
     // end would have the readers walk counts of records that are not there.

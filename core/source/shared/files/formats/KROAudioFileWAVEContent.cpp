@@ -165,31 +165,8 @@ bool KROAudioFileWAVEContent::parse(KROErrorPtr* error) {
     }
     KROWAVEChunkList chunks;
     chunks.initWithFileReader(*fileReader_);
-    const auto format = chunks.chunkOfType(fourCC("fmt "));
-    if (!format) {
-        return failWithFileName(error, noFormatChunk, "KROAudioFileContent_action_parsing");
-    }
-    if (!readFormatChunk(*format, error)) {
+    if (!readFormatAndAudioData(chunks, error)) {
         return false;
-    }
-    const auto data = chunks.chunkOfType(fourCC("data"));
-    if (!data) {
-        return failWithFileName(error, noAudioChunk, "KROAudioFileContent_action_parsing");
-    }
-    // No channels, or samples narrower than a byte, make frames of no
-    // bytes: such a file has no length and is refused.
-    const std::uint64_t bytesPerFrame = audioDataLengthOfFrames(1);
-    if (bytesPerFrame == 0) {
-        return failWithFileName(error, impossibleFormat, "KROAudioFileContent_action_parsing");
-    }
-    audioDataPosition_ = data->dataLocation();
-    audioDataLength_ = data->dataLength();
-    setFrames(audioDataLength_ / bytesPerFrame);
-
-    for (const auto& chunk : chunks.list()) {
-        if (chunk->type() != fourCC("data") && chunk->dataLength() <= loadedChunkLimit) {
-            chunk->loadFromFile();
-        }
     }
     // A later chunk overrides the keys of an earlier one.
     if (const auto chunk = chunks.chunkOfType(fourCC("inst"))) {
@@ -230,6 +207,37 @@ bool KROAudioFileWAVEContent::parse(KROErrorPtr* error) {
     }
     if (const auto chunk = chunks.chunkOfTypeSubtype(fourCC("LIST"), fourCC("INFO"))) {
         readInfoList(*chunk);
+    }
+    return true;
+}
+
+bool KROAudioFileWAVEContent::readFormatAndAudioData(const KROAudioFileChunkList& chunks,
+                                                     KROErrorPtr* error) {
+    const auto format = chunks.chunkOfType(fourCC("fmt "));
+    if (!format) {
+        return failWithFileName(error, noFormatChunk, "KROAudioFileContent_action_parsing");
+    }
+    if (!readFormatChunk(*format, error)) {
+        return false;
+    }
+    const auto data = chunks.chunkOfType(fourCC("data"));
+    if (!data) {
+        return failWithFileName(error, noAudioChunk, "KROAudioFileContent_action_parsing");
+    }
+    // No channels, or samples narrower than a byte, make frames of no
+    // bytes: such a file has no length and is refused.
+    const std::uint64_t bytesPerFrame = audioDataLengthOfFrames(1);
+    if (bytesPerFrame == 0) {
+        return failWithFileName(error, impossibleFormat, "KROAudioFileContent_action_parsing");
+    }
+    audioDataPosition_ = data->dataLocation();
+    audioDataLength_ = data->dataLength();
+    setFrames(audioDataLength_ / bytesPerFrame);
+
+    for (const auto& chunk : chunks.list()) {
+        if (chunk->type() != fourCC("data") && chunk->dataLength() <= loadedChunkLimit) {
+            chunk->loadFromFile();
+        }
     }
     return true;
 }

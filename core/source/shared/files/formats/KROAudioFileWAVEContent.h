@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "KROAudioFileChunkList.h"
 #include "KROAudioFileContent.h"
 
 class KROAudioFileChunk;
@@ -57,6 +58,10 @@ protected:
 
     // ---- The chunks that Wave64 files share; they call startChunk.
     bool readFormatChunk(const KROAudioFileChunk& chunk, KROErrorPtr* error);
+    // How a RIFF or Wave64 file starts to parse: the format chunk, the audio
+    // chunk and the length in frames, then every other chunk small enough to
+    // hold in memory loaded.
+    bool readFormatAndAudioData(const KROAudioFileChunkList& chunks, KROErrorPtr* error);
     void readSamplerChunk(const KROAudioFileChunk& chunk);
     void readAcidChunk(const KROAudioFileChunk& chunk);
     void readSliceChunk(const KROAudioFileChunk& chunk);
