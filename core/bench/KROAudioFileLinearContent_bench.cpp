@@ -249,13 +249,7 @@ public:
         std::cout << "\nFrames per second of the handlers over libsndfile's:\n";
         for (const char* direction : {"write", "read"}) {
             for (const SampleFormat& format : formats) {
-                const std::string base = std::string(direction) + "/" + format.name;
-                const double ours = figure(base + "/KROCore");
-                const double theirs = figure(base + "/libsndfile");
-                if (ours > 0 && theirs > 0) {
-                    std::cout << "  " << std::left << std::setw(18) << base << std::fixed
-                              << std::setprecision(2) << ours / theirs << "x\n";
-                }
+                printRatio(std::string(direction) + "/" + format.name, "KROCore", "libsndfile", 18);
             }
         }
         for (const auto& [name, path] : sourceFiles()) {

@@ -3,6 +3,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <iomanip>
+#include <iostream>
 #include <map>
 #include <string>
 #include <vector>
@@ -35,6 +37,17 @@ protected:
     double figure(const std::string& name) const {
         const auto found = figures_.find(name);
         return found == figures_.end() ? 0.0 : found->second;
+    }
+    // "  read/WAVE/float   0.59x": the figure of base + "/" + ours over that of
+    // base + "/" + theirs, nothing when either did not run.
+    void printRatio(const std::string& base, const std::string& ours, const std::string& theirs,
+                    int width) const {
+        const double numerator = figure(base + "/" + ours);
+        const double denominator = figure(base + "/" + theirs);
+        if (numerator > 0 && denominator > 0) {
+            std::cout << "  " << std::left << std::setw(width) << base << std::fixed
+                      << std::setprecision(2) << numerator / denominator << "x\n";
+        }
     }
 
 private:

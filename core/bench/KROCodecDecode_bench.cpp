@@ -183,13 +183,7 @@ public:
         KROCounterReporter::Finalize();
         std::cout << "\nFrames per second of the handler over the decoding program's:\n";
         for (const Codec& codec : codecs) {
-            const std::string base = std::string("decode/") + codec.name;
-            const double ours = figure(base + "/KROCore");
-            const double theirs = figure(base + "/program");
-            if (ours > 0 && theirs > 0) {
-                std::cout << "  " << std::left << std::setw(14) << base << std::fixed
-                          << std::setprecision(2) << ours / theirs << "x\n";
-            }
+            printRatio(std::string("decode/") + codec.name, "KROCore", "program", 14);
         }
         for (const auto& [name, path] : files()) {
             std::error_code ignored;
