@@ -10,8 +10,8 @@
 #include <vector>
 
 // The console output, keeping one counter of every iteration run by its
-// benchmark name (without the "/iterations:", "/real_time" and "/manual_time"
-// suffixes), so that a program's Finalize can print its figure beside the
+// benchmark name (without the "/iterations:", "/real_time", "/manual_time"
+// and "/process_time" suffixes), so that a program's Finalize can print its figure beside the
 // peer's.
 class KROCounterReporter : public benchmark::ConsoleReporter {
 public:
@@ -54,6 +54,7 @@ private:
     static std::string plainName(std::string name) {
         name = name.substr(0, name.find("/iterations:"));
         name = name.substr(0, name.find("/manual_time"));
+        name = name.substr(0, name.find("/process_time"));
         return name.substr(0, name.find("/real_time"));
     }
 
