@@ -61,7 +61,6 @@ std::uint32_t codeOf(std::uint32_t waveCode) {
 
 constexpr std::uint64_t alignment = 8;
 constexpr std::uint64_t headerSize = 24;
-constexpr std::uint64_t loadedChunkLimit = std::uint64_t{1} << 20;
 
 } // namespace
 
