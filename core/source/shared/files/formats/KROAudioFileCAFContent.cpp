@@ -132,14 +132,21 @@ bool KROAudioFileCAFContent::parse(KROErrorPtr* error) {
             chunk->loadFromFile();
         }
     }
-    const auto strings = chunks.chunkOfType(fourCC("strg"));
-    if (const auto chunk = chunks.chunkOfType(fourCC("mark"))) {
+    // Only chunks held in memory are read: a chunk that claims more than
+    // the limit would have the readers walk billions of records that are
+    // not there, one read of the file each.
+    const auto loaded = [&chunks](std::uint32_t code) -> std::shared_ptr<KROAudioFileChunk> {
+        const auto chunk = chunks.chunkOfType(code);
+        return chunk && chunk->data() ? chunk : nullptr;
+    };
+    const auto strings = loaded(fourCC("strg"));
+    if (const auto chunk = loaded(fourCC("mark"))) {
         readMarkers(*chunk, strings.get());
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("regn"))) {
+    if (const auto chunk = loaded(fourCC("regn"))) {
         readRegions(*chunk, strings.get());
     }
-    if (const auto chunk = chunks.chunkOfType(fourCC("info"))) {
+    if (const auto chunk = loaded(fourCC("info"))) {
         readInfo(*chunk);
     }
     return true;
