@@ -1,0 +1,433 @@
+// MIDI endpoints on a private jackd (dummy backend, 48 kHz, 256 frames) beside
+// a test device: a JACK client with physical MIDI ports that sends a script of
+// byte chunks at chosen cycles and offsets and logs what it receives with the
+// frame it arrived at.
+#include <gtest/gtest.h>
+#include <jack/jack.h>
+#include <jack/midiport.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "KROAllocationGuard.h"
+#include "KROJACKMIDIBackend.h"
+#include "KROJACKServerTest.h"
+#include "KROMIDIController.h"
+#include "KROMIDIMessage.h"
+#include "KROMIDIPhysicalInput.h"
+#include "KROMIDIPhysicalOutput.h"
+#include "KROMIDIVirtualInput.h"
+#include "KROMIDIVirtualOutput.h"
+#include "KRONotificationCenter.h"
+#include "KROUserDefaults.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::uint32_t kPeriod = 256;
+constexpr double kRate = 48000.0;
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(5ms);
+    }
+    return condition();
+}
+
+// Counts the allocations of every cycle of the layer on JACK's thread.
+class WatchedMIDIBackend : public KROJACKMIDIBackend {
+public:
+    std::atomic<std::uint64_t> cycles{0};
+    std::atomic<std::uint64_t> allocations{0};
+
+protected:
+    void processCycle(std::uint32_t frames) override {
+        thread_local std::optional<KROAllocationGuard> guard;
+        if (!guard) {
+            guard.emplace();
+        }
+        const std::size_t before = guard->count();
+        KROJACKMIDIBackend::processCycle(frames);
+        allocations.fetch_add(guard->count() - before);
+        cycles.fetch_add(1);
+    }
+};
+
+// A chunk of bytes the device sends as one event, cycles after it starts.
+struct Chunk {
+    std::uint32_t cycle;
+    std::uint32_t offset;
+    Bytes bytes;
+};
+
+struct Arrival {
+    Bytes bytes;
+    std::uint32_t frame;
+    std::uint32_t offset;
+};
+
+class MIDIDevice {
+public:
+    static constexpr const char* name = "kro-test-midi";
+
+    explicit MIDIDevice(std::vector<Chunk> script = {}) : script_(std::move(script)) {
+        jack_status_t status{};
+        client_ = jack_client_open(name, JackNoStartServer, &status);
+        const auto port = [&](const char* portName, unsigned long direction) {
+            return jack_port_register(client_, portName, JACK_DEFAULT_MIDI_TYPE,
+                                      direction | JackPortIsPhysical | JackPortIsTerminal, 0);
+        };
+        if (client_) {
+            out_ = port("out", JackPortIsOutput);
+            in_ = port("in", JackPortIsInput);
+        }
+        open_ = out_ && in_ && jack_set_process_callback(client_, process, this) == 0 &&
+                jack_activate(client_) == 0;
+    }
+    ~MIDIDevice() {
+        if (client_) {
+            jack_client_close(client_);
+        }
+    }
+
+    bool isOpen() const { return open_; }
+    void startSending() { sending_.store(true); }
+    bool doneSending() const { return sent_.load() == script_.size(); }
+    // The frame each chunk went out at.
+    std::vector<std::uint32_t> sentFrames() const {
+        return {sentFrames_.begin(), sentFrames_.begin() + std::ptrdiff_t(sent_.load())};
+    }
+    std::vector<Arrival> arrivals() const {
+        const std::lock_guard guard(arrivalLock_);
+        return arrivals_;
+    }
+    std::size_t arrivalCount() const {
+        const std::lock_guard guard(arrivalLock_);
+        return arrivals_.size();
+    }
+
+private:
+    static int process(jack_nframes_t frames, void* argument) {
+        auto& self = *static_cast<MIDIDevice*>(argument);
+        const jack_nframes_t now = jack_last_frame_time(self.client_);
+        void* out = jack_port_get_buffer(self.out_, frames);
+        jack_midi_clear_buffer(out);
+        if (self.sending_.load()) {
+            while (self.sent_.load() < self.script_.size() &&
+                   self.script_[self.sent_.load()].cycle <= self.cycle_) {
+                const Chunk& chunk = self.script_[self.sent_.load()];
+                jack_midi_event_write(out, chunk.offset, chunk.bytes.data(), chunk.bytes.size());
+                self.sentFrames_[self.sent_.load()] = now + chunk.offset;
+                self.sent_.fetch_add(1);
+            }
+            ++self.cycle_;
+        }
+        // The test's own client: it may lock, the layer under test may not.
+        void* in = jack_port_get_buffer(self.in_, frames);
+        const std::lock_guard guard(self.arrivalLock_);
+        for (std::uint32_t index = 0; index < jack_midi_get_event_count(in); ++index) {
+            jack_midi_event_t event{};
+            jack_midi_event_get(&event, in, index);
+            self.arrivals_.push_back(
+                {Bytes(event.buffer, event.buffer + event.size), now + event.time, event.time});
+        }
+        return 0;
+    }
+
+    std::vector<Chunk> script_;
+    jack_client_t* client_ = nullptr;
+    jack_port_t* out_ = nullptr;
+    jack_port_t* in_ = nullptr;
+    bool open_ = false;
+    std::atomic<bool> sending_{false};
+    std::uint32_t cycle_ = 0;
+    std::atomic<std::size_t> sent_{0};
+    std::array<std::uint32_t, 64> sentFrames_{};
+    mutable std::mutex arrivalLock_;
+    std::vector<Arrival> arrivals_;
+};
+
+// Keeps what an endpoint delivers.
+class Collector : public KROMIDIReceiver {
+public:
+    void midiInput(KROMIDIEndpoint&, const std::shared_ptr<KROMIDIMessage>& message) override {
+        const std::lock_guard guard(lock_);
+        messages_.push_back(message);
+    }
+    std::vector<std::shared_ptr<KROMIDIMessage>> messages() const {
+        const std::lock_guard guard(lock_);
+        return messages_;
+    }
+    std::size_t count() const { return messages().size(); }
+
+private:
+    mutable std::mutex lock_;
+    std::vector<std::shared_ptr<KROMIDIMessage>> messages_;
+};
+
+Bytes bytesOf(const KROMIDIMessage& message) {
+    return Bytes(message.bytes(), message.bytes() + message.length());
+}
+
+struct NotificationCount {
+    explicit NotificationCount(const std::string& name)
+        : token(KRONotificationCenter::defaultCenter().addObserver(
+              name, [this](const KRONotification&) { ++count; })) {}
+    ~NotificationCount() { KRONotificationCenter::defaultCenter().removeObserver(token); }
+    std::atomic<int> count{0};
+    KRONotificationCenter::Token token;
+};
+
+class KROMIDIEndpointJACK : public KROJACKServerTest {
+protected:
+    void SetUp() override {
+        KROJACKServerTest::SetUp();
+        backend_ = std::make_shared<WatchedMIDIBackend>();
+        KROMIDIBackend::setSharedBackend(backend_);
+    }
+    void TearDown() override {
+        KROMIDIBackend::setSharedBackend(nullptr);
+        backend_.reset();
+        KROJACKServerTest::TearDown();
+    }
+
+    KROMIDIBackend::EndpointID idNamed(const std::string& name, bool source) {
+        return source ? KROMIDIEndpoint::inputEndpointIDForName(name)
+                      : KROMIDIEndpoint::outputEndpointIDForName(name);
+    }
+    void connect(const std::string& from, const std::string& to) {
+        jack_status_t status{};
+        jack_client_t* client = jack_client_open("kro-test-wiring", JackNoStartServer, &status);
+        ASSERT_TRUE(client);
+        EXPECT_EQ(jack_connect(client, from.c_str(), to.c_str()), 0);
+        jack_client_close(client);
+    }
+    std::string portNameOf(const KROMIDIEndpoint& endpoint) {
+        std::string name;
+        backend_->portName(endpoint.endpointID(), name);
+        return name;
+    }
+
+    std::shared_ptr<WatchedMIDIBackend> backend_;
+};
+
+} // namespace
+
+// Notes, controllers, real-time bytes and a long sysex split over three cycles
+// with a clock byte inside come out whole and in order, each stamped with the
+// host time of the frame its status byte arrived at; the layer's cycle
+// allocates nothing.
+TEST_F(KROMIDIEndpointJACK, APhysicalInputReassemblesWhatTheDeviceSends) {
+    Bytes sysexStart{0xF0, 0x7D};
+    sysexStart.insert(sysexStart.end(), 400, 0x11);
+    const Bytes sysexMiddle(400, 0x22);
+    Bytes sysexEnd(100, 0x33);
+    sysexEnd.push_back(0xF7);
+    Bytes sysex = sysexStart;
+    sysex.insert(sysex.end(), sysexMiddle.begin(), sysexMiddle.end());
+    sysex.insert(sysex.end(), sysexEnd.begin(), sysexEnd.end());
+    MIDIDevice device({{0, 10, {0x90, 0x3C, 0x64}},
+                       {0, 20, {0xB0, 0x07, 0x7F}},
+                       {0, 30, {0xF8}},
+                       {1, 0, sysexStart},
+                       {2, 5, {0xF8}},
+                       {2, 6, sysexMiddle},
+                       {3, 0, sysexEnd},
+                       {3, 50, {0x80, 0x3C, 0x00}},
+                       {5, 255, {0xE0, 0x00, 0x40}}});
+    ASSERT_TRUE(device.isOpen());
+
+    const auto input = KROMIDIEndpoint::endpointWithEndpointID<KROMIDIPhysicalInput>(
+        idNamed("kro-test-midi out", true));
+    ASSERT_TRUE(input);
+    EXPECT_EQ(input->displayName(), "kro-test-midi out");
+    Collector collector;
+    ASSERT_TRUE(input->addReceiver(&collector));
+    ASSERT_TRUE(eventually([&] { return backend_->cycles.load() > 2; }));
+    device.startSending();
+    ASSERT_TRUE(eventually([&] { return collector.count() >= 7; }));
+
+    const std::vector<Bytes> expected = {
+        {0x90, 0x3C, 0x64}, {0xB0, 0x07, 0x7F}, {0xF8}, {0xF8}, sysex,
+        {0x80, 0x3C, 0x00}, {0xE0, 0x00, 0x40}};
+    // The chunk whose status byte starts each message, in the order of their frames.
+    const std::size_t startChunk[] = {0, 1, 2, 4, 3, 7, 8};
+    const std::size_t byFrame[] = {0, 1, 2, 4, 3, 5, 6};
+    const auto messages = collector.messages();
+    const auto frames = device.sentFrames();
+    ASSERT_EQ(messages.size(), expected.size());
+    for (std::size_t index = 0; index < messages.size(); ++index) {
+        EXPECT_EQ(bytesOf(*messages[index]), expected[index]) << "message " << index;
+    }
+    // Frames apart become seconds apart: exactly within a cycle (to JACK's
+    // microseconds), and to the jitter of the dummy server's clock filter
+    // across cycles.
+    for (std::size_t step = 1; step < messages.size(); ++step) {
+        const std::size_t earlier = byFrame[step - 1];
+        const std::size_t later = byFrame[step];
+        SCOPED_TRACE("message " + std::to_string(later));
+        const double seconds = messages[later]->timestamp() - messages[earlier]->timestamp();
+        const double framesApart = double(frames[startChunk[later]] - frames[startChunk[earlier]]);
+        const bool sameCycle =
+            frames[startChunk[later]] / kPeriod == frames[startChunk[earlier]] / kPeriod;
+        EXPECT_GT(seconds, 0.0);
+        EXPECT_NEAR(seconds * kRate, framesApart, sameCycle ? 0.5 : kPeriod / 4.0);
+    }
+    EXPECT_EQ(backend_->allocations.load(), 0u);
+    EXPECT_EQ(backend_->droppedEvents(), 0u);
+
+    // The last receiver going stops the input and its port goes.
+    EXPECT_TRUE(input->isRunning());
+    EXPECT_TRUE(input->removeReceiver(&collector));
+    EXPECT_FALSE(input->isRunning());
+    jack_status_t status{};
+    jack_client_t* probe = jack_client_open("kro-test-probe", JackNoStartServer, &status);
+    ASSERT_TRUE(probe);
+    EXPECT_FALSE(jack_port_by_name(probe, "krocore-midi:KRMIDIInput"));
+    jack_client_close(probe);
+}
+
+// A virtual output's absolute timestamps and a physical output's timestamps
+// from its timebase both land on the frame they name; 0 means the start of
+// the next cycle. An event never overtakes one queued before it.
+TEST_F(KROMIDIEndpointJACK, OutputsDeliverAtTheFrameTheirTimestampNames) {
+    MIDIDevice device;
+    ASSERT_TRUE(device.isOpen());
+    const auto virtualOutput =
+        KROMIDIVirtualEndpoint::endpointWithName<KROMIDIVirtualOutput>("kro virtual out");
+    ASSERT_TRUE(virtualOutput);
+    connect(portNameOf(*virtualOutput), "kro-test-midi:in");
+    const auto physicalOutput = KROMIDIEndpoint::endpointWithEndpointID<KROMIDIPhysicalOutput>(
+        idNamed("kro-test-midi in", false));
+    ASSERT_TRUE(physicalOutput);
+    ASSERT_TRUE(physicalOutput->addSender(this));
+
+    const double now = KROMIDIMessage::currentTime();
+    struct Send {
+        KROMIDIEndpoint* output;
+        Bytes bytes;
+        double timestamp;
+    };
+    const Send sends[] = {
+        {virtualOutput.get(), {0xFA}, 0.0},
+        {virtualOutput.get(), {0x90, 0x40, 0x40}, now + 0.100},
+        {virtualOutput.get(), {0x80, 0x40, 0x00}, now + 0.150},
+        {physicalOutput.get(), {0xB0, 0x01, 0x02}, 0.200},
+        {physicalOutput.get(), {0xB0, 0x01, 0x03}, 0.250},
+    };
+    std::vector<std::int64_t> expectedFrames;
+    for (const Send& send : sends) {
+        auto message = KROMIDIMessage::messageWithData(send.bytes, send.timestamp);
+        ASSERT_TRUE(message);
+        KROErrorPtr error;
+        ASSERT_TRUE(send.output->sendMessage(message.get(), &error)) << error->description();
+        std::uint32_t frame = 0;
+        backend_->frameForHostTime(KROMIDIMessage::machineTimestampForTimestamp(send.timestamp),
+                                   frame);
+        expectedFrames.push_back(
+            send.timestamp == 0.0 || send.output == physicalOutput.get() ? -1 : frame);
+    }
+    ASSERT_TRUE(eventually([&] { return device.arrivalCount() >= 5; }));
+    auto arrivals = device.arrivals();
+    ASSERT_EQ(arrivals.size(), 5u);
+    // At once: first, at the start of a cycle.
+    EXPECT_EQ(arrivals[0].bytes, Bytes{0xFA});
+    EXPECT_EQ(arrivals[0].offset, 0u);
+    for (std::size_t index = 1; index < 3; ++index) {
+        SCOPED_TRACE("virtual " + std::to_string(index));
+        EXPECT_EQ(arrivals[index].bytes, sends[index].bytes);
+        EXPECT_NEAR(double(arrivals[index].frame), double(expectedFrames[index]), 1.0);
+    }
+    EXPECT_EQ(arrivals[3].bytes, sends[3].bytes);
+    EXPECT_EQ(arrivals[4].bytes, sends[4].bytes);
+    // 50 ms from the same timebase, to the rate error of the dummy server's
+    // clock filter.
+    EXPECT_NEAR(double(arrivals[4].frame - arrivals[3].frame), 0.050 * kRate, 12.0);
+    EXPECT_EQ(backend_->allocations.load(), 0u);
+}
+
+// Sending where it cannot go reports the code and action hosts look for.
+TEST_F(KROMIDIEndpointJACK, RefusedSendsReportTheirCode) {
+    auto note = KROMIDIMessage::messageWithData(Bytes{0x90, 0x40, 0x40}, 0.0);
+    auto output = std::make_shared<KROMIDIPhysicalOutput>();
+    const auto virtualOutput =
+        KROMIDIVirtualEndpoint::endpointWithName<KROMIDIVirtualOutput>("kro virtual out");
+    ASSERT_TRUE(virtualOutput);
+    struct Case {
+        const char* what;
+        std::function<bool(KROErrorPtr*)> send;
+        std::int64_t code; // 0: no error is given
+    };
+    const Case cases[] = {
+        {"an output that never was",
+         [&](KROErrorPtr* e) { return output->sendMessage(note.get(), e); }, 1},
+        {"an output not started", [&](KROErrorPtr* e) { return output->sendMessages({note}, e); },
+         1},
+        {"a list to a virtual output",
+         [&](KROErrorPtr* e) { return virtualOutput->sendMessages({note}, e); }, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        KROErrorPtr error;
+        EXPECT_FALSE(c.send(&error));
+        EXPECT_EQ(error ? error->code() : 0, c.code);
+    }
+    EXPECT_TRUE(output->sendMessage(nullptr, nullptr));
+}
+
+// The controller follows a device that comes, goes and comes back: each
+// change is posted once its lists are up to date, and a default input stays
+// listed offline while its device is away.
+TEST_F(KROMIDIEndpointJACK, TheControllerFollowsADeviceAndKeepsItsDefaults) {
+    const auto defaultsPath = std::filesystem::temp_directory_path() /
+                              ("kro-midi-defaults-" + std::to_string(getpid()) + ".plist");
+    std::filesystem::remove(defaultsPath);
+    KROUserDefaults defaults(defaultsPath);
+    KROMIDIController& controller = KROMIDIController::sharedController();
+    controller.setUserDefaults(&defaults);
+    NotificationCount setupChanges(KROMIDIController::setupChangedNotification);
+    NotificationCount defaultChanges(KROMIDIController::defaultEndpointsChangedNotification);
+    const auto listed = [&] { return controller.inputs().endpointWithName("kro-test-midi out"); };
+    EXPECT_FALSE(listed());
+
+    auto device = std::make_unique<MIDIDevice>();
+    ASSERT_TRUE(eventually([&] { return setupChanges.count.load() > 0; }));
+    const auto endpoint = listed();
+    ASSERT_TRUE(endpoint);
+    EXPECT_TRUE(controller.outputs().endpointWithName("kro-test-midi in"));
+
+    endpoint->addToDefaults();
+    endpoint->addToDefaults();
+    EXPECT_EQ(defaultChanges.count.load(), 1);
+    EXPECT_EQ(controller.defaultInputIDs(), std::vector<std::int32_t>{endpoint->uniqueID()});
+    EXPECT_EQ(KROUserDefaults(defaultsPath).objectForKey("KROMIDIDefaultInputIDs")->count(), 1u);
+
+    int seen = setupChanges.count.load();
+    device.reset();
+    ASSERT_TRUE(eventually([&] { return setupChanges.count.load() > seen; }));
+    EXPECT_FALSE(endpoint->isOnline());
+    EXPECT_NE(endpoint->displayName().find("offline"), std::string::npos);
+    EXPECT_EQ(controller.defaultInputs().countOfEndpoints(), 1u);
+    EXPECT_FALSE(controller.outputs().endpointWithName("kro-test-midi in"));
+
+    seen = setupChanges.count.load();
+    device = std::make_unique<MIDIDevice>();
+    ASSERT_TRUE(eventually([&] { return setupChanges.count.load() > seen; }));
+    EXPECT_TRUE(endpoint->isOnline());
+    EXPECT_EQ(controller.defaultInputs().endpoints().front(), endpoint);
+
+    endpoint->removeFromDefaults();
+    EXPECT_EQ(defaultChanges.count.load(), 2);
+    EXPECT_TRUE(controller.defaultInputIDs().empty());
+    controller.setUserDefaults(nullptr);
+    std::filesystem::remove(defaultsPath);
+}
