@@ -63,7 +63,8 @@ struct KROJACKMIDIBackend::Slot {
     jack_ringbuffer_t* outgoing = nullptr;
     std::atomic<bool> flushRequested{false};
 
-    // Host side, under the backend's lock_ (proc and context under inputLock_).
+    // Host side, under the backend's lock_; proc and context under inputLock_
+    // alone, which is never taken inside lock_.
     std::mutex writerLock;
     KROMIDIInputProc proc = nullptr;
     void* context = nullptr;
@@ -82,8 +83,6 @@ struct KROJACKMIDIBackend::Slot {
             jack_ringbuffer_free(outgoing);
         }
         outgoing = nullptr;
-        proc = nullptr;
-        context = nullptr;
         fullName.clear();
         isEndpoint = false;
         isPrivate = false;
@@ -372,28 +371,38 @@ void KROJACKMIDIBackend::waitForCycleEnd() {
 
 void KROJACKMIDIBackend::unregisterPort(std::size_t slotIndex) {
     Slot& slot = slots_[slotIndex];
-    jack_port_t* port = slot.port.exchange(nullptr);
-    waitForCycleEnd();
-    if (port && client_ && !serverGone_.load()) {
-        jack_port_unregister(asClient(client_), port);
+    {
+        const std::lock_guard guard(lock_);
+        jack_port_t* port = slot.port.exchange(nullptr);
+        waitForCycleEnd();
+        if (port && client_ && !serverGone_.load()) {
+            jack_port_unregister(asClient(client_), port);
+        }
     }
-    const std::lock_guard guard(inputLock_);
+    // The input thread may be inside proc: it finishes before the slot goes.
+    {
+        const std::lock_guard guard(inputLock_);
+        slot.proc = nullptr;
+        slot.context = nullptr;
+    }
+    const std::lock_guard guard(lock_);
     slot.release();
 }
 
 KROMIDIBackend::Status KROJACKMIDIBackend::createInputPort(const std::string& name,
                                                            KROMIDIInputProc proc, void* context,
                                                            PortID& port) {
-    const std::lock_guard guard(lock_);
     std::size_t index = 0;
-    if (const Status status = registerPort(name, true, index); status != noError) {
-        return status;
-    }
     {
-        const std::lock_guard input(inputLock_);
-        slots_[index].proc = proc;
-        slots_[index].context = context;
+        const std::lock_guard guard(lock_);
+        if (const Status status = registerPort(name, true, index); status != noError) {
+            return status;
+        }
     }
+    // What arrives before this is dropped.
+    const std::lock_guard input(inputLock_);
+    slots_[index].proc = proc;
+    slots_[index].context = context;
     port = PortID(index + 1);
     return noError;
 }
@@ -438,9 +447,11 @@ KROMIDIBackend::Status KROJACKMIDIBackend::createOutputPort(const std::string& n
 }
 
 KROMIDIBackend::Status KROJACKMIDIBackend::disposePort(PortID port) {
-    const std::lock_guard guard(lock_);
-    if (!slotForPort(port)) {
-        return badPort;
+    {
+        const std::lock_guard guard(lock_);
+        if (!slotForPort(port)) {
+            return badPort;
+        }
     }
     unregisterPort(port - 1);
     return noError;
@@ -535,12 +546,16 @@ KROMIDIBackend::Status KROJACKMIDIBackend::received(EndpointID source, const std
 }
 
 KROMIDIBackend::Status KROJACKMIDIBackend::disposeEndpoint(EndpointID id) {
-    const std::lock_guard guard(lock_);
-    Slot* slot = slotForEndpoint(id);
-    if (!slot) {
-        return badEndpoint;
+    std::size_t index = 0;
+    {
+        const std::lock_guard guard(lock_);
+        Slot* slot = slotForEndpoint(id);
+        if (!slot) {
+            return badEndpoint;
+        }
+        index = std::size_t(slot - slots_.get());
     }
-    unregisterPort(std::size_t(slot - slots_.get()));
+    unregisterPort(index);
     return noError;
 }
 
@@ -682,7 +697,13 @@ void KROJACKMIDIBackend::runWorker() {
         }
         sem_timedwait(&inputReady_, &deadline);
         drainInput();
+        // JACK may tell of a port before the server's list shows the change,
+        // so a notice is followed by a few more comparisons.
+        const auto now = std::chrono::steady_clock::now();
         if (setupChanged_.exchange(false)) {
+            compareSetupUntil_ = now + std::chrono::milliseconds(250);
+        }
+        if (now < compareSetupUntil_) {
             deliverSetupNotice();
         }
     }
@@ -723,7 +744,7 @@ std::vector<std::string> KROJACKMIDIBackend::endpointNames() {
 
 void KROJACKMIDIBackend::deliverSetupNotice() {
     std::vector<std::string> names = endpointNames();
-    if (names == knownEndpoints_ && !serverGone_.load()) {
+    if (names == knownEndpoints_) {
         return;
     }
     knownEndpoints_ = std::move(names);

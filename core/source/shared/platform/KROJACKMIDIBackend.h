@@ -25,6 +25,7 @@
 #include <semaphore.h>
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -93,6 +94,7 @@ private:
     EndpointID idForPortName(const std::string& name);
     Status listEndpoints(unsigned long direction, std::vector<EndpointID>& ids);
     Status registerPort(const std::string& name, bool isInput, std::size_t& slotIndex);
+    // Takes lock_ and inputLock_ in turn, never one inside the other.
     void unregisterPort(std::size_t slotIndex);
     Slot* slotForPort(PortID port);
     Slot* slotForEndpoint(EndpointID id);
@@ -136,7 +138,9 @@ private:
     std::mutex listenerLock_;
     std::map<ListenerToken, std::shared_ptr<std::function<void()>>> listeners_;
     ListenerToken nextToken_ = 1;
+    // The worker's: the endpoints last told, and until when it compares.
     std::vector<std::string> knownEndpoints_;
+    std::chrono::steady_clock::time_point compareSetupUntil_;
 
     std::atomic<bool> quit_{false};
     std::thread worker_;
