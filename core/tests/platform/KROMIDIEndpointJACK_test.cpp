@@ -25,6 +25,7 @@
 #include "KROMIDIPhysicalOutput.h"
 #include "KROMIDISDSHeaderMessage.h"
 #include "KROMIDISDSMessage.h"
+#include "KROMIDITestDevice.h"
 #include "KROMIDIVirtualInput.h"
 #include "KROMIDIVirtualOutput.h"
 #include "KRONotificationCenter.h"
@@ -63,110 +64,6 @@ protected:
         allocations.fetch_add(guard->count() - before);
         cycles.fetch_add(1);
     }
-};
-
-// A chunk of bytes the device sends as one event, cycles after it starts.
-struct Chunk {
-    std::uint32_t cycle;
-    std::uint32_t offset;
-    Bytes bytes;
-};
-
-struct Arrival {
-    Bytes bytes;
-    std::uint32_t frame;
-    std::uint32_t offset;
-};
-
-class MIDIDevice {
-public:
-    static constexpr const char* name = "kro-test-midi";
-
-    explicit MIDIDevice(std::vector<Chunk> script = {}) : script_(std::move(script)) {
-        jack_status_t status{};
-        client_ = jack_client_open(name, JackNoStartServer, &status);
-        const auto port = [&](const char* portName, unsigned long direction) {
-            return jack_port_register(client_, portName, JACK_DEFAULT_MIDI_TYPE,
-                                      direction | JackPortIsPhysical | JackPortIsTerminal, 0);
-        };
-        if (client_) {
-            out_ = port("out", JackPortIsOutput);
-            in_ = port("in", JackPortIsInput);
-        }
-        open_ = out_ && in_ && jack_set_process_callback(client_, process, this) == 0 &&
-                jack_activate(client_) == 0;
-    }
-    ~MIDIDevice() {
-        if (client_) {
-            jack_client_close(client_);
-        }
-    }
-
-    bool isOpen() const { return open_; }
-    void startSending() { sending_.store(true); }
-    bool doneSending() const { return sent_.load() == script_.size(); }
-    // The frame each chunk went out at.
-    std::vector<std::uint32_t> sentFrames() const {
-        return {sentFrames_.begin(), sentFrames_.begin() + std::ptrdiff_t(sent_.load())};
-    }
-    std::vector<Arrival> arrivals() const {
-        const std::lock_guard guard(arrivalLock_);
-        return arrivals_;
-    }
-    std::size_t arrivalCount() const {
-        const std::lock_guard guard(arrivalLock_);
-        return arrivals_.size();
-    }
-    // Whether a cycle of the device held the frame: a loaded dummy server
-    // skips cycles, and what was due in one goes at the start of the next.
-    bool sawFrame(std::uint32_t frame) const {
-        const std::lock_guard guard(arrivalLock_);
-        return std::any_of(cycleStarts_.begin(), cycleStarts_.end(), [&](std::uint32_t start) {
-            return start <= frame && frame - start < kPeriod;
-        });
-    }
-
-private:
-    static int process(jack_nframes_t frames, void* argument) {
-        auto& self = *static_cast<MIDIDevice*>(argument);
-        const jack_nframes_t now = jack_last_frame_time(self.client_);
-        void* out = jack_port_get_buffer(self.out_, frames);
-        jack_midi_clear_buffer(out);
-        if (self.sending_.load()) {
-            while (self.sent_.load() < self.script_.size() &&
-                   self.script_[self.sent_.load()].cycle <= self.cycle_) {
-                const Chunk& chunk = self.script_[self.sent_.load()];
-                jack_midi_event_write(out, chunk.offset, chunk.bytes.data(), chunk.bytes.size());
-                self.sentFrames_[self.sent_.load()] = now + chunk.offset;
-                self.sent_.fetch_add(1);
-            }
-            ++self.cycle_;
-        }
-        // The test's own client: it may lock, the layer under test may not.
-        void* in = jack_port_get_buffer(self.in_, frames);
-        const std::lock_guard guard(self.arrivalLock_);
-        self.cycleStarts_.push_back(now);
-        for (std::uint32_t index = 0; index < jack_midi_get_event_count(in); ++index) {
-            jack_midi_event_t event{};
-            jack_midi_event_get(&event, in, index);
-            self.arrivals_.push_back(
-                {Bytes(event.buffer, event.buffer + event.size), now + event.time, event.time});
-        }
-        return 0;
-    }
-
-    std::vector<Chunk> script_;
-    jack_client_t* client_ = nullptr;
-    jack_port_t* out_ = nullptr;
-    jack_port_t* in_ = nullptr;
-    bool open_ = false;
-    std::atomic<bool> sending_{false};
-    std::uint32_t cycle_ = 0;
-    std::atomic<std::size_t> sent_{0};
-    std::array<std::uint32_t, 64> sentFrames_{};
-    mutable std::mutex arrivalLock_;
-    std::vector<Arrival> arrivals_;
-    std::vector<std::uint32_t> cycleStarts_;
 };
 
 // Keeps what an endpoint delivers.
@@ -306,15 +203,15 @@ TEST_F(KROMIDIEndpointJACK, APhysicalInputReassemblesWhatTheDeviceSends) {
     Bytes sysex = sysexStart;
     sysex.insert(sysex.end(), sysexMiddle.begin(), sysexMiddle.end());
     sysex.insert(sysex.end(), sysexEnd.begin(), sysexEnd.end());
-    MIDIDevice device({{0, 10, {0x90, 0x3C, 0x64}},
-                       {0, 20, {0xB0, 0x07, 0x7F}},
-                       {0, 30, {0xF8}},
-                       {1, 0, sysexStart},
-                       {2, 5, {0xF8}},
-                       {2, 6, sysexMiddle},
-                       {3, 0, sysexEnd},
-                       {3, 50, {0x80, 0x3C, 0x00}},
-                       {5, 255, {0xE0, 0x00, 0x40}}});
+    KROMIDITestDevice device({{0, 10, {0x90, 0x3C, 0x64}},
+                              {0, 20, {0xB0, 0x07, 0x7F}},
+                              {0, 30, {0xF8}},
+                              {1, 0, sysexStart},
+                              {2, 5, {0xF8}},
+                              {2, 6, sysexMiddle},
+                              {3, 0, sysexEnd},
+                              {3, 50, {0x80, 0x3C, 0x00}},
+                              {5, 255, {0xE0, 0x00, 0x40}}});
     ASSERT_TRUE(device.isOpen());
 
     const auto input = KROMIDIEndpoint::endpointWithEndpointID<KROMIDIPhysicalInput>(
@@ -371,7 +268,7 @@ TEST_F(KROMIDIEndpointJACK, APhysicalInputReassemblesWhatTheDeviceSends) {
 // from its timebase both land on the frame they name; 0 means the start of
 // the next cycle. An event never overtakes one queued before it.
 TEST_F(KROMIDIEndpointJACK, OutputsDeliverAtTheFrameTheirTimestampNames) {
-    MIDIDevice device;
+    KROMIDITestDevice device;
     ASSERT_TRUE(device.isOpen());
     const auto virtualOutput =
         KROMIDIVirtualEndpoint::endpointWithName<KROMIDIVirtualOutput>("kro virtual out");
@@ -425,9 +322,10 @@ TEST_F(KROMIDIEndpointJACK, OutputsDeliverAtTheFrameTheirTimestampNames) {
     for (std::size_t index = 1; index < arrivals.size(); ++index) {
         SCOPED_TRACE("send " + std::to_string(index));
         const auto [earliest, latest] = named[index];
-        const auto arrival = std::find_if(arrivals.begin(), arrivals.end(), [&](const Arrival& a) {
-            return a.bytes == sends[index].bytes;
-        });
+        const auto arrival =
+            std::find_if(arrivals.begin(), arrivals.end(), [&](const KROMIDITestArrival& a) {
+                return a.bytes == sends[index].bytes;
+            });
         ASSERT_NE(arrival, arrivals.end());
         if (device.sawFrame(earliest) || device.sawFrame(latest)) {
             EXPECT_GE(arrival->frame + 1, earliest);
@@ -483,7 +381,7 @@ TEST_F(KROMIDIEndpointJACK, TheControllerFollowsADeviceAndKeepsItsDefaults) {
     const auto listed = [&] { return controller.inputs().endpointWithName("kro-test-midi out"); };
     EXPECT_FALSE(listed());
 
-    auto device = std::make_unique<MIDIDevice>();
+    auto device = std::make_unique<KROMIDITestDevice>();
     ASSERT_TRUE(eventually([&] { return setupChanges.count.load() > 0; }));
     const auto endpoint = listed();
     ASSERT_TRUE(endpoint);
@@ -504,7 +402,7 @@ TEST_F(KROMIDIEndpointJACK, TheControllerFollowsADeviceAndKeepsItsDefaults) {
     EXPECT_FALSE(controller.outputs().endpointWithName("kro-test-midi in"));
 
     seen = setupChanges.count.load();
-    device = std::make_unique<MIDIDevice>();
+    device = std::make_unique<KROMIDITestDevice>();
     ASSERT_TRUE(eventually([&] { return setupChanges.count.load() > seen; }));
     EXPECT_TRUE(endpoint->isOnline());
     EXPECT_EQ(controller.defaultInputs().endpoints().front(), endpoint);

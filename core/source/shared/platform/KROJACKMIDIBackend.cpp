@@ -509,6 +509,26 @@ KROMIDIBackend::Status KROJACKMIDIBackend::flushOutput(EndpointID destination) {
     return noError;
 }
 
+KROMIDIBackend::Status KROJACKMIDIBackend::waitUntilSent(double timeoutSeconds) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
+    const auto isQueued = [this] {
+        const std::lock_guard guard(lock_);
+        return std::any_of(slots_.get(), slots_.get() + kSlots, [](const Slot& slot) {
+            return slot.inUse && slot.outgoing && jack_ringbuffer_read_space(slot.outgoing) > 0;
+        });
+    };
+    while (isQueued()) {
+        if (serverGone_.load() || std::chrono::steady_clock::now() > deadline) {
+            return notRunning;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    // The last events are in the port buffers of the cycle now running.
+    waitForCycleEnd();
+    return noError;
+}
+
 KROMIDIBackend::Status KROJACKMIDIBackend::createDestination(const std::string& name,
                                                              KROMIDIInputProc proc, void* context,
                                                              EndpointID& id) {

@@ -61,6 +61,7 @@ public:
     Status send(PortID port, EndpointID destination, const std::uint8_t* bytes, std::size_t count,
                 std::uint64_t hostTime) override;
     Status flushOutput(EndpointID destination) override;
+    Status waitUntilSent(double timeoutSeconds) override;
 
     Status createDestination(const std::string& name, KROMIDIInputProc proc, void* context,
                              EndpointID& id) override;

@@ -36,3 +36,7 @@ KROMIDIBackend::Status KROMIDIBackend::connectionUniqueIDs(EndpointID,
     ids.clear();
     return noError;
 }
+
+KROMIDIBackend::Status KROMIDIBackend::waitUntilSent(double) {
+    return noError;
+}

@@ -81,6 +81,9 @@ public:
                         std::size_t count, std::uint64_t hostTime) = 0;
     // Drops what is queued for the destination and not yet delivered.
     virtual Status flushOutput(EndpointID destination) = 0;
+    // Waits at most timeoutSeconds until everything queued has left, so a
+    // program can send and exit; notRunning when it has not.
+    virtual Status waitUntilSent(double timeoutSeconds);
 
     // Endpoints of this process that others see: a destination that hands
     // what it receives to proc, and a source that sends what received() is
