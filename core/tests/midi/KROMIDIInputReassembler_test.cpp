@@ -72,6 +72,10 @@ TEST(KROMIDIInputReassembler, PacketsBecomeTheMessagesHostsExpect) {
          {{0xF7, 0x90, 0x40, 0x7F}},
          {{0x90, 0x00, 0x40}},
          {1}},
+        {"data bytes after a stray sysex end count on too",
+         {{0xF7, 0x40, 0x90, 0x40, 0x7F}},
+         {{0x90, 0x00, 0x00}},
+         {1}},
         // The count of the unfinished note carries over: the controller is
         // complete at its status byte, and its data bytes are then lost.
         {"a status interrupting a note keeps the count",
