@@ -29,6 +29,7 @@
 #include "KROMIDIVirtualInput.h"
 #include "KROMIDIVirtualOutput.h"
 #include "KRONotificationCenter.h"
+#include "KROTestWaiting.h"
 #include "KROUserDefaults.h"
 
 namespace {
@@ -39,12 +40,8 @@ using Bytes = std::vector<std::uint8_t>;
 constexpr std::uint32_t kPeriod = 256;
 constexpr double kRate = 48000.0;
 
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 5s) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(5ms);
-    }
-    return condition();
+bool eventually(const std::function<bool()>& condition) {
+    return KROEventually(condition, 5s);
 }
 
 // Counts the allocations of every cycle of the layer on JACK's thread.
@@ -87,15 +84,6 @@ private:
 Bytes bytesOf(const KROMIDIMessage& message) {
     return Bytes(message.bytes(), message.bytes() + message.length());
 }
-
-struct NotificationCount {
-    explicit NotificationCount(const std::string& name)
-        : token(KRONotificationCenter::defaultCenter().addObserver(
-              name, [this](const KRONotification&) { ++count; })) {}
-    ~NotificationCount() { KRONotificationCenter::defaultCenter().removeObserver(token); }
-    std::atomic<int> count{0};
-    KRONotificationCenter::Token token;
-};
 
 // A sample dump's 16-bit samples travel offset by 0x8000, left-justified in
 // three 7-bit bytes: 40 samples to a packet of 120 bytes.
@@ -376,8 +364,8 @@ TEST_F(KROMIDIEndpointJACK, TheControllerFollowsADeviceAndKeepsItsDefaults) {
     KROUserDefaults defaults(defaultsPath);
     KROMIDIController& controller = KROMIDIController::sharedController();
     controller.setUserDefaults(&defaults);
-    NotificationCount setupChanges(KROMIDIController::setupChangedNotification);
-    NotificationCount defaultChanges(KROMIDIController::defaultEndpointsChangedNotification);
+    KRONotificationCount setupChanges(KROMIDIController::setupChangedNotification);
+    KRONotificationCount defaultChanges(KROMIDIController::defaultEndpointsChangedNotification);
     const auto listed = [&] { return controller.inputs().endpointWithName("kro-test-midi out"); };
     EXPECT_FALSE(listed());
 
