@@ -125,12 +125,14 @@ KROMIDIBackend::Status KROJACKMIDIBackend::connect() {
     jack_set_port_registration_callback(client, portRegistrationCallback, this);
     jack_set_port_rename_callback(client, portRenameCallback, this);
     jack_on_shutdown(client, shutdownCallback, this);
+    // Set before activation, which starts the thread that reads them.
+    jackMinusHostMicroseconds_ = std::int64_t(jack_get_time()) - monotonicMicroseconds();
+    client_ = client;
     if (jack_activate(client) != 0) {
+        client_ = nullptr;
         jack_client_close(client);
         return notRunning;
     }
-    jackMinusHostMicroseconds_ = std::int64_t(jack_get_time()) - monotonicMicroseconds();
-    client_ = client;
     return noError;
 }
 
