@@ -10,6 +10,7 @@
 #include "InfoCommand.h"
 #include "KROCore.h"
 #include "LoudnessCommand.h"
+#include "MIDICommand.h"
 #include "OverviewCommand.h"
 #include "PlayCommand.h"
 #include "RenderCommand.h"
@@ -60,6 +61,7 @@ int main(int argc, char** argv) {
     PlayCommand play(app);
     RenderCommand render(app);
     OverviewCommand overview(app);
+    MIDICommand midi(app);
 
     CLI11_PARSE(app, argc, argv);
 
@@ -92,6 +94,9 @@ int main(int argc, char** argv) {
     }
     if (analyze.parsed()) {
         return analyze.run();
+    }
+    if (midi.parsed()) {
+        return midi.run();
     }
     std::cout << app.help();
     return 0;

@@ -24,6 +24,7 @@
 #include "KRONotificationCenter.h"
 #include "KROOSXHardwareAudioProcessor.h"
 #include "KROTestCommand.h"
+#include "KROTestWaiting.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 // libdb, libjack's metadata database, leaks when servers come and go.
@@ -143,23 +144,6 @@ private:
     void* context_ = nullptr;
 };
 
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(20ms);
-    }
-    return condition();
-}
-
-struct NotificationCount {
-    explicit NotificationCount(const std::string& name)
-        : token(KRONotificationCenter::defaultCenter().addObserver(
-              name, [this](const KRONotification&) { ++count; })) {}
-    ~NotificationCount() { KRONotificationCenter::defaultCenter().removeObserver(token); }
-    std::atomic<int> count{0};
-    KRONotificationCenter::Token token;
-};
-
 bool realtimePermitted() {
     return KRORunCommand("chrt -f 1 true").status == 0;
 }
@@ -186,28 +170,28 @@ TEST_F(KROAudioDeviceJACK, TheDevicesAreTheServersAndAChangeOfThemIsPosted) {
     KROErrorPtr error;
     EXPECT_FALSE(device->setSampleRate(44100, &error));
     EXPECT_EQ(error ? error->code() : 0, Backend::unsupportedOperation);
-    NotificationCount changes("KROAudioDeviceDevicesChanged");
+    KRONotificationCount changes("KROAudioDeviceDevicesChanged");
     {
         LoopDevice card;
         ASSERT_TRUE(card.isOpen());
-        EXPECT_TRUE(eventually([&] { return changes.count == 1; }, 10s)) << "a device came";
+        EXPECT_TRUE(KROEventually([&] { return changes.count == 1; }, 10s)) << "a device came";
         const auto devices = KROAudioDevice::devices();
         ASSERT_EQ(devices.size(), 2u);
         EXPECT_EQ(devices[1]->title(), LoopDevice::name);
         EXPECT_TRUE(devices[1]->hasPhysicalInputs() && devices[1]->hasPhysicalOutputs());
     }
-    EXPECT_TRUE(eventually([&] { return changes.count == 2; }, 10s))
+    EXPECT_TRUE(KROEventually([&] { return changes.count == 2; }, 10s))
         << "a device went " << changes.count;
     const auto stream = exampleStream();
     ASSERT_TRUE(stream && stream->initialize() && stream->start());
     std::this_thread::sleep_for(300ms);
     EXPECT_TRUE(stream->stop() && stream->uninitialize());
-    EXPECT_FALSE(eventually([&] { return changes.count > 2; }, 300ms)) << "own ports";
+    EXPECT_FALSE(KROEventually([&] { return changes.count > 2; }, 300ms)) << "own ports";
     // A server that goes away while playing; the stream still stops.
     ASSERT_TRUE(stream->initialize() && stream->start());
     server_.stop();
-    EXPECT_TRUE(eventually([&] { return !device->isValid(); }, 10s));
-    EXPECT_TRUE(eventually([&] { return changes.count == 3; }, 10s)) << "the server went";
+    EXPECT_TRUE(KROEventually([&] { return !device->isValid(); }, 10s));
+    EXPECT_TRUE(KROEventually([&] { return changes.count == 3; }, 10s)) << "the server went";
     EXPECT_TRUE(stream->stop() && stream->uninitialize());
 }
 
@@ -215,14 +199,14 @@ TEST_F(KROAudioDeviceJACK, ANewBufferSizeRebuildsTheRunningGraphAtThatSize) {
     const auto stream = exampleStream();
     ASSERT_TRUE(stream && stream->initialize() && stream->start());
     const auto head = processorOf<Head>(*stream, "output");
-    NotificationCount rebuilt("KROAudioDeviceSampleRateChanged");
+    KRONotificationCount rebuilt("KROAudioDeviceSampleRateChanged");
     ASSERT_TRUE(head->device()->setOutputBufferFrames(128));
-    ASSERT_TRUE(eventually([&] { return rebuilt.count == 1; }, 10s));
+    ASSERT_TRUE(KROEventually([&] { return rebuilt.count == 1; }, 10s));
     EXPECT_EQ(head->bufferFrames(), 128u);
     EXPECT_TRUE(head->isRunning());
     EXPECT_EQ(stream->processorWithIdentifier("meter")->inputConnection()->maxFrames(), 128u);
     const std::uint64_t before = head->statistics().callbacks;
-    EXPECT_TRUE(eventually([&] { return head->statistics().callbacks > before; }, 1s));
+    EXPECT_TRUE(KROEventually([&] { return head->statistics().callbacks > before; }, 1s));
     EXPECT_TRUE(stream->stop());
 }
 
