@@ -1,6 +1,4 @@
-// Channel sets: the layouts of the resource in the channel order that ffmpeg
-// and WAVE channel masks give, the default layout of each count, generic sets
-// for counts nobody described, and the look-up by abbreviations.
+// Channel sets: resource layouts in ffmpeg and WAVE mask order, defaults, generic sets.
 #include <gtest/gtest.h>
 
 #include <unistd.h>

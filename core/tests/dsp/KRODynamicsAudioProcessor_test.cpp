@@ -1,5 +1,4 @@
-// The compressor and expander: transfer function, look-ahead, host-thread
-// updates (run under ThreadSanitizer by `make tsan`), bad settings and samples.
+// The compressor and expander: transfer, look-ahead, host-thread updates, bad input.
 #include <gtest/gtest.h>
 
 #include <atomic>

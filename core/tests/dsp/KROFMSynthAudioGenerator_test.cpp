@@ -1,6 +1,4 @@
-// The FM voice against closed forms of frequency modulation at chosen
-// frames, its control rate of a thirty-second of the sample rate, the
-// amplitude ramp and release, the feedback delay, settings and bad notes.
+// The FM voice against closed forms of frequency modulation; controls, envelope, delay.
 #include <gtest/gtest.h>
 
 #include <cmath>

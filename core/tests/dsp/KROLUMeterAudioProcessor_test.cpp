@@ -1,6 +1,4 @@
-// The loudness meter beside libebur128 on the EBU loudness test signals, made
-// here, and on the two differences it keeps on purpose; routing, modes, reset,
-// bad input, and a host changing the meter while it renders.
+// The loudness meter beside libebur128, with the differences it keeps on purpose.
 #include <gtest/gtest.h>
 
 #include <ebur128.h>

@@ -1,7 +1,4 @@
-// The pitch tracker and its processor: pitches of sines, sawtooths and
-// harmonic tones against the known frequency and aubio's yin, the step
-// geometry, note events, the published smoothing, refused calls, bad
-// samples, and host-thread rebuilds while rendering.
+// The pitch tracker against known tones and aubio's yin; its processor, bad input, threads.
 #include <gtest/gtest.h>
 
 #include <algorithm>

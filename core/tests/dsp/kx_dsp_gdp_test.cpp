@@ -1,5 +1,4 @@
-// The dynamics engine as plain functions: refusals, the power filter, the gain
-// follower and frame positions. Bad samples go through the processor.
+// The dynamics engine as plain functions: refusals, power filter, gain follower, positions.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,5 +1,4 @@
-// AIFF and AIFC: the bytes written, labels and loop-file metadata through a
-// round trip, the odd cases kept on purpose, and the codes of bad files.
+// AIFF and AIFC: bytes, round trips, odd cases kept on purpose, codes of bad files.
 #include <gtest/gtest.h>
 
 #include "KROAudioFileAIFFContent.h"

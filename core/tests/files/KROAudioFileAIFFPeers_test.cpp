@@ -1,6 +1,4 @@
-// AIFF and AIFC files between this library and programs written elsewhere:
-// libsndfile, sndfile-info, soxi and ffprobe read what is written here, and
-// what sox, ffmpeg and libsndfile write is read here with the same samples.
+// AIFF and AIFC both ways against libsndfile, sndfile-info, sox, soxi, ffmpeg and ffprobe.
 #include <gtest/gtest.h>
 
 #include "KROAudioFileAIFFContent.h"

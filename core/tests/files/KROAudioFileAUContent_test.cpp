@@ -1,5 +1,4 @@
-// AU: every encoding through a round trip as sox and libsndfile read it,
-// the header as written, and files of sox and ffmpeg read here.
+// AU: every encoding round trip as sox and libsndfile read it; files of sox and ffmpeg.
 #include <gtest/gtest.h>
 
 #include "KROAudioFileAUContent.h"

@@ -1,6 +1,4 @@
-// CAF files between this library and libsndfile, sox and ffprobe: every
-// sample format in both byte orders, labels and info texts, and damaged
-// files.
+// CAF files against libsndfile, sox and ffprobe: formats, labels, texts, damage.
 #include <gtest/gtest.h>
 
 #include "KROAudioFileCAFContent.h"

@@ -31,10 +31,6 @@ struct ChunkViews {
     KROAudioFileChunk inFile;
 };
 
-KROData bytesOf(std::string_view text) {
-    return KROData(text.begin(), text.end());
-}
-
 } // namespace
 
 TEST(KROAudioFileChunk, ValuesFollowTheByteOrderAndReadZeroPastTheEnd) {

@@ -1,7 +1,4 @@
-// iXML of the file content frame: documents written here parse with
-// Python's strict XML reader and read back to the same metadata and labels;
-// documents as field recorders write them are read into metadata and labels;
-// malformed documents set nothing.
+// iXML written here (checked by Python's XML reader), as recorders write it, and malformed.
 #include "KROAudioFileChunk.h"
 #include "KROAudioTestSupport.h"
 #include "KRODateText.h"

@@ -1,6 +1,4 @@
-// ID3v2 and APE tags of the file content frame: tags that mutagen writes are
-// read with its fields, tags written here are read by mutagen with ours, and
-// damaged tags are read as far as they go.
+// ID3v2 and APE tags both ways against mutagen, and damaged tags read as far as they go.
 #include <map>
 #include <set>
 
@@ -16,10 +14,6 @@ namespace fs = std::filesystem;
 namespace {
 
 using namespace std::string_literals;
-
-KROData bytesOf(std::string_view text) {
-    return KROData(text.begin(), text.end());
-}
 
 KROData synchsafe(std::size_t size) {
     return KROTestBytes()

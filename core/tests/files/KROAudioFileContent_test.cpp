@@ -1,5 +1,4 @@
-// The handler registry and the read/write protocol through a WAVE handler, against
-// libsndfile and sox.
+// The handler registry and read/write protocol, against libsndfile and sox.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>

@@ -1,6 +1,4 @@
-// Disc master images: written from labels and metadata and read back equal,
-// digests as md5sum computes them, a layout that a reader written from the
-// DDP 2.0 record layout agrees with, and damaged images reported by code.
+// Disc images: round trips, md5sum digests, the record layout, damage by code.
 #include <gtest/gtest.h>
 
 #include "KROAudioFileDDPContent.h"

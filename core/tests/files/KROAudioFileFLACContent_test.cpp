@@ -1,6 +1,4 @@
-// FLAC files between this library and the flac program, metaflac and
-// ffprobe: samples bit for bit both ways, Vorbis comments, markers as cue
-// sheet tracks, the seek table, and damaged files.
+// FLAC files both ways against flac, metaflac and ffprobe: samples, comments, cues, seeks.
 #include <gtest/gtest.h>
 
 #include "KROAudioFileFLACContent.h"

@@ -1,5 +1,4 @@
-// The header probe: its answers on files that sox, ffmpeg and libsndfile
-// write agree with soxi and ffprobe, and its own tolerances and codes.
+// The header probe beside soxi and ffprobe, with its own tolerances and codes.
 #include <gtest/gtest.h>
 
 #include "KROAudioFileInfo.h"

@@ -1,7 +1,4 @@
-// Ogg Vorbis and MP3 files between this library and the reference decoders
-// and encoders of their codecs (oggdec and oggenc, mpg123 and lame) and
-// ffprobe: the same length and samples within 1e-4 RMS of the reference
-// decoder's output, tags both ways, and damaged files.
+// Ogg Vorbis and MP3 against oggdec/oggenc, mpg123/lame and ffprobe; tags; damaged files.
 #include <gtest/gtest.h>
 
 #include <cmath>

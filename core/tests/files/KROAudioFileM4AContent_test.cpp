@@ -1,7 +1,4 @@
-// M4A files between this library and ffmpeg: AAC and ALAC that ffmpeg
-// writes read here as ffmpeg decodes them, to the same length; ALAC written
-// here decodes in ffmpeg bit for bit, AAC within 1e-4 RMS; the iTunes
-// atoms both ways; damaged files.
+// M4A (AAC, ALAC) files both ways against ffmpeg, the iTunes atoms, damaged files.
 #include <gtest/gtest.h>
 
 #include <cmath>

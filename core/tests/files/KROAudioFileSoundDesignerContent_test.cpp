@@ -1,6 +1,4 @@
-// The read-only handlers: Sound Designer I headers with markers and loops,
-// Sound Designer II files with their fork as libsndfile writes them, and
-// headerless VOX, each read with the samples a peer reads.
+// The read-only handlers (Sound Designer I and II, VOX), each read as a peer reads it.
 #include <gtest/gtest.h>
 
 #include "KROAudioFileSDIIContent.h"

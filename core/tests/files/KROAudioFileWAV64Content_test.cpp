@@ -1,5 +1,4 @@
-// Wave64: the layout written, labels and metadata through a round trip,
-// and files of sox, ffmpeg and libsndfile read here as libsndfile reads them.
+// Wave64: layout, round trips, and files of sox, ffmpeg and libsndfile read here.
 #include <gtest/gtest.h>
 
 #include "KROAudioFileWAV64Content.h"

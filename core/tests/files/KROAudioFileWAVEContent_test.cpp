@@ -1,6 +1,4 @@
-// WAVE files as this library writes and reads them: the bytes of a plain
-// file, labels and metadata written and read back, chunks of other writers,
-// and damaged files. Sample formats are checked beside peers.
+// WAVE files as written and read here: bytes, labels, metadata, foreign chunks, damage.
 #include <gtest/gtest.h>
 
 #include <numeric>

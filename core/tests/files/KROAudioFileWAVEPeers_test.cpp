@@ -1,7 +1,4 @@
-// WAVE files between this library and programs written elsewhere:
-// libsndfile, sndfile-info, soxi, ffprobe and exiftool read what is written here,
-// and what sox, ffmpeg and libsndfile write is read here, samples, labels
-// and metadata alike.
+// WAVE files both ways against libsndfile, sox, ffmpeg/ffprobe and exiftool.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -27,10 +27,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-KROData bytesOf(std::string_view text) {
-    return KROData(text.begin(), text.end());
-}
-
 template <typename T> KROData rawBytes(const T& value) {
     const auto* raw = reinterpret_cast<const std::uint8_t*>(&value);
     return KROData(raw, raw + sizeof value);

@@ -54,6 +54,10 @@ private:
     KROData bytes_;
 };
 
+inline KROData bytesOf(std::string_view text) {
+    return KROData(text.begin(), text.end());
+}
+
 inline void KROWriteTestFile(const std::filesystem::path& path, const KROData& bytes) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));

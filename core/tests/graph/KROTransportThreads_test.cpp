@@ -1,5 +1,4 @@
-// A host thread changes the transport while a render thread pulls through a
-// hinge, a conductor and a fader; `make tsan` checks every access.
+// A host thread changes the transport while a render thread pulls (`make tsan` checks it).
 #include <gtest/gtest.h>
 
 #include <unistd.h>

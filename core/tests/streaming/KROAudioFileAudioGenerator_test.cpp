@@ -1,5 +1,4 @@
-// The file player: its reader, the ring that the disk thread fills ahead,
-// jumps foreseen, and offline reads.
+// The file player: its reader, the disk thread's ring, foreseen jumps, offline reads.
 #include <gtest/gtest.h>
 
 #include <condition_variable>

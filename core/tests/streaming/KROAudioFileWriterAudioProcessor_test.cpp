@@ -1,5 +1,4 @@
-// The offline heads that store a graph: the finished file, its name, the
-// tail, cancels and failures that leave nothing behind, and the raw render.
+// The offline heads that store a graph: file, name, tail, cancels, failures, raw render.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,5 +1,4 @@
-// The recorder: what passed is what the file holds, the render thread never
-// waits, and a failing disk stops the recording with a log line.
+// The recorder: the file holds what passed, rendering never waits, a failing disk stops it.
 #include <gtest/gtest.h>
 
 #include <chrono>

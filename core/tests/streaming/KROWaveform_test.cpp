@@ -1,5 +1,4 @@
-// Overview tables: the bytes each class stores, bounded reads and writes,
-// tables built from samples beside numpy's reduction, and legacy tables.
+// Overview tables: stored bytes, bounded access, numpy's reduction, legacy tables.
 #include <gtest/gtest.h>
 
 #include <cmath>

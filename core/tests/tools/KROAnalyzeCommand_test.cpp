@@ -1,5 +1,4 @@
-// `kro analyze`: levels beside sox's stats, the notes of a melody, the JSON
-// track, and failures.
+// `kro analyze`: levels beside sox's stats, a melody's notes, the JSON track, failures.
 #include <gtest/gtest.h>
 
 #include <sndfile.h>

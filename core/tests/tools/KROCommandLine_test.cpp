@@ -1,5 +1,4 @@
-// kro beside a private JACK server: devices as JACK's tools list them, play,
-// and bad input ending in a clear message and status, never a hang.
+// kro beside a private JACK server: devices as JACK's tools list them, play, bad input.
 #include <gtest/gtest.h>
 
 #include <chrono>

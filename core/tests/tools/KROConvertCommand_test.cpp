@@ -1,5 +1,4 @@
-// `kro convert`: samples, labels and metadata kept in the format asked for, a
-// progress bar on a terminal only, and no file left behind by a failure.
+// `kro convert`: samples, labels and metadata kept, progress, nothing left by a failure.
 #include <gtest/gtest.h>
 
 #include "../files/KROAudioTestSupport.h"

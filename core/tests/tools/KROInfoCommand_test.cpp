@@ -1,5 +1,4 @@
-// `kro info`: format, length, labels and metadata as text and as JSON that
-// python reads; a clear message and exit code 1 for a file nothing reads.
+// `kro info`: text, JSON that python reads, and exit code 1 for a file nothing reads.
 #include <gtest/gtest.h>
 
 #include "../files/KROAudioTestSupport.h"

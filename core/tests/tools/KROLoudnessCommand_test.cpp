@@ -1,5 +1,4 @@
-// `kro loudness` on the EBU test signals written here: every figure beside
-// libebur128's, the text a person reads, and each way it fails.
+// `kro loudness` on the EBU test signals beside libebur128; its text and failures.
 #include <gtest/gtest.h>
 
 #include <ebur128.h>

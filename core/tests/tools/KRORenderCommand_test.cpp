@@ -1,5 +1,4 @@
-// `kro render` as a user runs it: a file through a fader at half gain
-// against sox's `vol 0.5`, and a Ctrl-C that leaves no file behind.
+// `kro render`: a fader at half gain against sox's `vol 0.5`; Ctrl-C leaves no file.
 #include <gtest/gtest.h>
 
 #include <sndfile.h>

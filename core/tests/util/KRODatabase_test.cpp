@@ -1,6 +1,4 @@
-// The database wrapper on real SQLite files: values by kind in and out, the
-// raised failures with their exact texts, connections per thread and per
-// database name, and Python's sqlite3 reading what was written here.
+// The SQLite wrapper: values by kind, failures, connections per thread, Python's sqlite3.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,6 +1,4 @@
-// Network pipes over loopback TCP: framing against a raw peer byte by byte,
-// whole messages both ways between an acceptor's and an initiator's pipe,
-// refused lengths, a peer that leaves, full socket buffers and bad sockets.
+// Network pipes over loopback TCP against a raw peer and each other.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
