@@ -12,7 +12,6 @@ extern "C" {
 #include <array>
 #include <cmath>
 #include <cstring>
-#include <fstream>
 #include <vector>
 
 #include "KROAudioTextTags.h"
