@@ -255,3 +255,19 @@ TEST(KROAudioFileWAVEContent, DamagedFilesFailWithTheirCodesOrReadWhatTheyHold) 
         }
     }
 }
+
+// A file cut short by another program after it was opened reads what is left,
+// and silence where it ends, never the samples of an earlier read.
+TEST(KROAudioFileWAVEContent, AFileCutShortWhileOpenReadsSilencePastItsEnd) {
+    KROTemporaryDirectory directory;
+    const auto written = KROAudioBufferList::bufferListWithChannels(1, 1000);
+    std::fill_n(written->channel(0), 1000, 0.5f);
+    writeWAVE(directory / "cut.wav", *written);
+    const auto content = parsedWAVE(directory / "cut.wav");
+    ASSERT_TRUE(content);
+    EXPECT_EQ(allAudio(*content)->channel(0)[999], 0.5f);
+    fs::resize_file(directory / "cut.wav", fs::file_size(directory / "cut.wav") - 2 * 400);
+    const auto samples = allAudio(*content);
+    EXPECT_EQ(std::count(samples->channel(0), samples->channel(0) + 600, 0.5f), 600);
+    EXPECT_EQ(std::count(samples->channel(0) + 600, samples->channel(0) + 1000, 0.0f), 400);
+}

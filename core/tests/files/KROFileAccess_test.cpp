@@ -239,6 +239,48 @@ TEST(KROFileReader, ShortReadsTellTheirCountByPath) {
     }
 }
 
+// A read at a position leaves the reader's own where it was; at the end the
+// count is what was there, in memory as on the stream.
+TEST(KROFileReader, ReadsAtAPositionLeaveTheReaderWhereItWas) {
+    Scratch dir;
+    dir.file("a", "abcdef");
+    fs::create_directory(dir / "folder.wav");
+    const struct {
+        const char* name;
+        std::uint64_t at;
+        std::size_t asked, counted;
+        std::int64_t code; // 0 for success
+        const char* read;
+    } cases[] = {
+        {"a", 1, 3, 3, 0, "bcd"},
+        {"a", 4, 4, 2, 999, "ef"},
+        {"a", 100, 1, 0, 999, ""},
+        {"folder.wav", 0, 4, 0, EISDIR, ""},
+    };
+    for (const auto& c : cases) {
+        for (const bool inMemory : {false, true}) {
+            if (inMemory && c.code == EISDIR) {
+                continue;
+            }
+            SCOPED_TRACE(std::string(c.name) + (inMemory ? " in memory at " : " at ") +
+                         std::to_string(c.at));
+            auto reader = readerOf(dir / c.name, inMemory);
+            ASSERT_TRUE(reader->setPosition(2));
+            char buffer[8] = {};
+            std::size_t length = c.asked;
+            KROErrorPtr error;
+            EXPECT_EQ(reader->getBufferAtPosition(buffer, &length, c.at, &error), c.code == 0);
+            EXPECT_EQ(length, c.counted);
+            EXPECT_EQ(std::string(buffer), c.read);
+            if (c.code != 0) {
+                expectError(error, c.code, "KROFile_action_reading");
+            }
+            std::uint8_t next = 0;
+            EXPECT_TRUE(c.code == EISDIR || (reader->getCharValue(next) && next == 'c'));
+        }
+    }
+}
+
 // The stream sees its end only by reading; a known length is kept, 0 is asked
 // again; a pipe has no position; a byte goes back only on the stream.
 TEST(KROFileReader, PositionsLengthAndPushBack) {

@@ -275,6 +275,49 @@ bool KROFileReader::getBufferFromStream(void* buffer, std::size_t* length, KROEr
     return true;
 }
 
+bool KROFileReader::getBufferAtPosition(void* buffer, std::size_t* length, std::uint64_t position,
+                                        KROErrorPtr* error) {
+    if (contents_ != nullptr) {
+        const std::uint64_t available = position < contentsLength_ ? contentsLength_ - position : 0;
+        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(*length, available));
+        if (count > 0) {
+            std::memcpy(buffer, contents_ + position, count);
+        }
+        return finishPositionedRead(length, count, error);
+    }
+    if (file_ == nullptr) {
+        *length = 0;
+        return KROFail<KROFileError>(error, EBADF, "KROFile_action_reading");
+    }
+    std::size_t count = 0;
+    while (count < *length) {
+        const ::ssize_t read = ::pread(::fileno(file_), static_cast<std::uint8_t*>(buffer) + count,
+                                       *length - count, static_cast<off_t>(position + count));
+        if (read < 0 && errno == EINTR) {
+            continue;
+        }
+        if (read < 0) {
+            const int errnum = errno;
+            *length = 0;
+            return KROFail<KROFileError>(error, errnum, "KROFile_action_reading");
+        }
+        if (read == 0) {
+            break;
+        }
+        count += static_cast<std::size_t>(read);
+    }
+    return finishPositionedRead(length, count, error);
+}
+
+bool KROFileReader::finishPositionedRead(std::size_t* length, std::size_t count,
+                                         KROErrorPtr* error) {
+    if (count == *length) {
+        return true;
+    }
+    *length = count;
+    return KROFail<KROFileError>(error, endOfFileCode, "KROFile_action_reading");
+}
+
 bool KROFileReader::ungetCharValue(std::uint8_t value, KROErrorPtr* error) {
     if (file_ == nullptr || std::ungetc(value, file_) == EOF) {
         return KROFail<KROFileError>(error, ungetCode, "KROFile_action_unget");

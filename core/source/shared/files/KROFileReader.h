@@ -71,6 +71,12 @@ public:
     // end of the file. A short read that meets neither succeeds with the
     // count unchanged.
     bool getBuffer(void* buffer, std::size_t* length, KROErrorPtr* error = nullptr);
+    // Reads at position without moving the reader's own: one system call,
+    // and readers of other positions need not take turns. Fails as getBuffer
+    // does, except that at the end of the file the count always holds the
+    // bytes that were there, in memory too.
+    bool getBufferAtPosition(void* buffer, std::size_t* length, std::uint64_t position,
+                             KROErrorPtr* error = nullptr);
     // Stream only: not for use after loadIntoMemory.
     bool ungetCharValue(std::uint8_t value, KROErrorPtr* error = nullptr);
 
@@ -94,6 +100,7 @@ private:
     template <typename Value> bool getValue(Value& value, KROErrorPtr* error);
     bool getBufferFromMemory(void* buffer, std::size_t* length, KROErrorPtr* error);
     bool getBufferFromStream(void* buffer, std::size_t* length, KROErrorPtr* error);
+    static bool finishPositionedRead(std::size_t* length, std::size_t count, KROErrorPtr* error);
     bool readWholeFile(KROErrorPtr* error);
     void setNoCache(bool noCache);
     void releaseContents();
