@@ -196,88 +196,62 @@ std::shared_ptr<KROFileReader> readerOf(const fs::path& url, bool inMemory = fal
 } // namespace
 
 // A short read fails with 999. Kept: in memory the count stays as asked and the
-// position goes to the end; on the stream the count is what arrived.
+// position goes to the end; on the stream the count is what arrived. A read at
+// a position counts what arrived either way and leaves the reader where it was.
 TEST(KROFileReader, ShortReadsTellTheirCountByPath) {
     Scratch dir;
     dir.file("a", "abcdef");
     fs::create_directory(dir / "folder.wav");
+    constexpr std::uint64_t unmoved = ~0ull;
     const struct {
         const char* what;
         const char* name;
-        bool inMemory;
-        std::uint64_t at;
-        std::size_t asked, counted;
-        std::int64_t code; // 0 for success
-    } cases[] = {
-        {"stream, 4 bytes 2 before the end", "a", false, 4, 4, 2, 999},
-        {"memory, 4 bytes 2 before the end", "a", true, 4, 4, 4, 999},
-        {"memory, past the end", "a", true, 100, 1, 1, 999},
-        {"stream, 0 bytes", "a", false, 0, 0, 0, 0},
-        {"memory, 0 bytes", "a", true, 3, 0, 0, 0},
-        {"stream, a directory", "folder.wav", false, 0, 4, 0, EISDIR},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        auto reader = readerOf(dir / c.name, c.inMemory);
-        ASSERT_TRUE(c.at == 0 || reader->setPosition(c.at));
-        char buffer[8] = {};
-        std::size_t length = c.asked;
-        KROErrorPtr error;
-        EXPECT_EQ(reader->getBuffer(buffer, &length, &error), c.code == 0);
-        EXPECT_EQ(length, c.counted);
-        if (c.code != 0) {
-            expectError(error, c.code, "KROFile_action_reading");
-        }
-        EXPECT_EQ(std::string(buffer), c.at == 4 ? "ef" : "");
-        std::uint64_t position = 0;
-        EXPECT_TRUE(!c.inMemory ||
-                    (reader->getPosition(position) && position == (c.at == 4 ? 6 : c.at)));
-        EXPECT_TRUE(reader->getBuffer(nullptr, nullptr));
-        EXPECT_TRUE(c.at != 4 || error->description() ==
-                                     "Reading the file failed because the file ended before all "
-                                     "the data that was asked for.");
-    }
-}
-
-// A read at a position leaves the reader's own where it was; at the end the
-// count is what was there, in memory as on the stream.
-TEST(KROFileReader, ReadsAtAPositionLeaveTheReaderWhereItWas) {
-    Scratch dir;
-    dir.file("a", "abcdef");
-    fs::create_directory(dir / "folder.wav");
-    const struct {
-        const char* name;
+        bool inMemory, atPosition;
         std::uint64_t at;
         std::size_t asked, counted;
         std::int64_t code; // 0 for success
         const char* read;
+        std::uint64_t after; // where the reader is then, unmoved: at 2
     } cases[] = {
-        {"a", 1, 3, 3, 0, "bcd"},
-        {"a", 4, 4, 2, 999, "ef"},
-        {"a", 100, 1, 0, 999, ""},
-        {"folder.wav", 0, 4, 0, EISDIR, ""},
+        {"stream, 4 bytes 2 before the end", "a", false, false, 4, 4, 2, 999, "ef", 6},
+        {"memory, 4 bytes 2 before the end", "a", true, false, 4, 4, 4, 999, "ef", 6},
+        {"memory, past the end", "a", true, false, 100, 1, 1, 999, "", 100},
+        {"stream, 0 bytes", "a", false, false, 0, 0, 0, 0, "", 0},
+        {"memory, 0 bytes", "a", true, false, 3, 0, 0, 0, "", 3},
+        {"stream, a directory", "folder.wav", false, false, 0, 4, 0, EISDIR, "", 0},
+        {"stream at 1, 3 bytes", "a", false, true, 1, 3, 3, 0, "bcd", unmoved},
+        {"memory at 1, 3 bytes", "a", true, true, 1, 3, 3, 0, "bcd", unmoved},
+        {"stream at 4, 2 before the end", "a", false, true, 4, 4, 2, 999, "ef", unmoved},
+        {"memory at 4, 2 before the end", "a", true, true, 4, 4, 2, 999, "ef", unmoved},
+        {"memory past the end", "a", true, true, 100, 1, 0, 999, "", unmoved},
+        {"stream at 0, a directory", "folder.wav", false, true, 0, 4, 0, EISDIR, "", 0},
     };
     for (const auto& c : cases) {
-        for (const bool inMemory : {false, true}) {
-            if (inMemory && c.code == EISDIR) {
-                continue;
-            }
-            SCOPED_TRACE(std::string(c.name) + (inMemory ? " in memory at " : " at ") +
-                         std::to_string(c.at));
-            auto reader = readerOf(dir / c.name, inMemory);
-            ASSERT_TRUE(reader->setPosition(2));
-            char buffer[8] = {};
-            std::size_t length = c.asked;
-            KROErrorPtr error;
-            EXPECT_EQ(reader->getBufferAtPosition(buffer, &length, c.at, &error), c.code == 0);
-            EXPECT_EQ(length, c.counted);
-            EXPECT_EQ(std::string(buffer), c.read);
-            if (c.code != 0) {
-                expectError(error, c.code, "KROFile_action_reading");
-            }
-            std::uint8_t next = 0;
-            EXPECT_TRUE(c.code == EISDIR || (reader->getCharValue(next) && next == 'c'));
+        SCOPED_TRACE(c.what);
+        auto reader = readerOf(dir / c.name, c.inMemory);
+        ASSERT_TRUE(reader->setPosition(c.atPosition ? 2 : c.at));
+        char buffer[8] = {};
+        std::size_t length = c.asked;
+        KROErrorPtr error;
+        EXPECT_EQ(c.atPosition ? reader->getBufferAtPosition(buffer, &length, c.at, &error)
+                               : reader->getBuffer(buffer, &length, &error),
+                  c.code == 0);
+        EXPECT_EQ(length, c.counted);
+        if (c.code != 0) {
+            expectError(error, c.code, "KROFile_action_reading");
         }
+        EXPECT_EQ(std::string(buffer), c.read);
+        std::uint8_t next = 0;
+        if (c.after == unmoved) {
+            EXPECT_TRUE(reader->getCharValue(next) && next == 'c');
+        }
+        std::uint64_t position = 0;
+        EXPECT_TRUE(!c.inMemory || c.after == unmoved ||
+                    (reader->getPosition(position) && position == c.after));
+        EXPECT_TRUE(reader->getBuffer(nullptr, nullptr));
+        EXPECT_TRUE(c.at != 4 || error->description() ==
+                                     "Reading the file failed because the file ended before all "
+                                     "the data that was asked for.");
     }
 }
 
