@@ -262,12 +262,19 @@ TEST(KROAudioFileWAVEContent, AFileCutShortWhileOpenReadsSilencePastItsEnd) {
     KROTemporaryDirectory directory;
     const auto written = KROAudioBufferList::bufferListWithChannels(1, 1000);
     std::fill_n(written->channel(0), 1000, 0.5f);
-    writeWAVE(directory / "cut.wav", *written);
-    const auto content = parsedWAVE(directory / "cut.wav");
-    ASSERT_TRUE(content);
-    EXPECT_EQ(allAudio(*content)->channel(0)[999], 0.5f);
-    fs::resize_file(directory / "cut.wav", fs::file_size(directory / "cut.wav") - 2 * 400);
-    const auto samples = allAudio(*content);
-    EXPECT_EQ(std::count(samples->channel(0), samples->channel(0) + 600, 0.5f), 600);
-    EXPECT_EQ(std::count(samples->channel(0) + 600, samples->channel(0) + 1000, 0.0f), 400);
+    for (const auto& [bitDepth, isFloat] : {std::pair{16, false}, {32, false}, {32, true}}) {
+        SCOPED_TRACE(testing::Message() << bitDepth << (isFloat ? "-bit float" : "-bit"));
+        writeWAVE(directory / "cut.wav", *written, [&](KROAudioFileWAVEContent& content) {
+            content.setBitDepth(bitDepth);
+            content.setIsFloatingPoint(isFloat);
+        });
+        const auto content = parsedWAVE(directory / "cut.wav");
+        ASSERT_TRUE(content);
+        EXPECT_EQ(allAudio(*content)->channel(0)[999], 0.5f);
+        fs::resize_file(directory / "cut.wav",
+                        fs::file_size(directory / "cut.wav") - bitDepth / 8 * 400);
+        const auto samples = allAudio(*content);
+        EXPECT_EQ(std::count(samples->channel(0), samples->channel(0) + 600, 0.5f), 600);
+        EXPECT_EQ(std::count(samples->channel(0) + 600, samples->channel(0) + 1000, 0.0f), 400);
+    }
 }

@@ -1,6 +1,7 @@
 #include "KROAudioFileContent.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -310,7 +311,11 @@ bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64
     // Cut to 32 bits, as the converter counts bytes.
     const auto byteCount = static_cast<std::uint32_t>(count * bytesPerFrame);
     thread_local KROData scratchBlock;
-    std::uint8_t* const scratch = cacheLineAlignedScratch(scratchBlock, byteCount);
+    // Samples that need no conversion go straight to the buffer: one copy
+    // instead of two.
+    const bool direct = holdsWorkingSamples();
+    std::uint8_t* const bytes = direct ? reinterpret_cast<std::uint8_t*>(buffer.channel(0))
+                                       : cacheLineAlignedScratch(scratchBlock, byteCount);
     {
         std::lock_guard guard(readLock_);
         if (!fileReader_) {
@@ -321,20 +326,31 @@ bool KROAudioFileContent::getLinearAudio(KROAudioBufferList& buffer, std::uint64
         // The end of the file before the end of the block leaves the rest of
         // the block silent; any other failure is the call's.
         if (!fileReader_->getBufferAtPosition(
-                scratch, &length, audioDataPosition_ + frame * bytesPerFrame, &readError) &&
+                bytes, &length, audioDataPosition_ + frame * bytesPerFrame, &readError) &&
             readError->code() != KROFileReader::endOfFileCode) {
             if (error) {
                 *error = readError;
             }
             return false;
         }
-        std::fill(scratch + length, scratch + byteCount, std::uint8_t{0});
+        std::fill(bytes + length, bytes + byteCount, std::uint8_t{0});
+        if (direct) {
+            return true;
+        }
         // Made under the lock, so that two first calls make one converter.
         if (!converter_ && !makeConverterForReading(error)) {
             return false;
         }
     }
-    return converter_->convertInput(scratch, byteCount, buffer, error);
+    return converter_->convertInput(bytes, byteCount, buffer, error);
+}
+
+bool KROAudioFileContent::holdsWorkingSamples() const {
+    const AudioFormatFlags flags = audioDataFormatFlags();
+    const bool bigEndian = (flags & kAudioFormatFlagIsBigEndian) != 0;
+    return encoding_ == kAudioFormatLinearPCM && numberOfChannels_ == 1 && bitDepth_ == 32 &&
+           (flags & kAudioFormatFlagIsFloat) != 0 &&
+           bigEndian == (std::endian::native == std::endian::big);
 }
 
 // ---------------------------------------------------------------- writing

@@ -265,6 +265,9 @@ protected:
     // at audioDataPosition, after prepareGetAudio. A file that ends early
     // reads as silence where it has no bytes.
     bool getLinearAudio(KROAudioBufferList& buffer, std::uint64_t frame, KROErrorPtr* error);
+    // One channel of 32-bit floats in the host's byte order: the file's bytes
+    // are the buffer's samples as they are.
+    bool holdsWorkingSamples() const;
 
     // ---- Writing
 
