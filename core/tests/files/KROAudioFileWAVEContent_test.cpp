@@ -262,11 +262,16 @@ TEST(KROAudioFileWAVEContent, AFileCutShortWhileOpenReadsSilencePastItsEnd) {
     KROTemporaryDirectory directory;
     const auto written = KROAudioBufferList::bufferListWithChannels(1, 1000);
     std::fill_n(written->channel(0), 1000, 0.5f);
-    for (const auto& [bitDepth, isFloat] : {std::pair{16, false}, {32, false}, {32, true}}) {
-        SCOPED_TRACE(testing::Message() << bitDepth << (isFloat ? "-bit float" : "-bit"));
+    const struct {
+        std::uint64_t bitDepth;
+        bool isFloat;
+    } formats[] = {{16, false}, {32, false}, {32, true}};
+    for (const auto& format : formats) {
+        const std::uint64_t bitDepth = format.bitDepth;
+        SCOPED_TRACE(testing::Message() << bitDepth << (format.isFloat ? "-bit float" : "-bit"));
         writeWAVE(directory / "cut.wav", *written, [&](KROAudioFileWAVEContent& content) {
             content.setBitDepth(bitDepth);
-            content.setIsFloatingPoint(isFloat);
+            content.setIsFloatingPoint(format.isFloat);
         });
         const auto content = parsedWAVE(directory / "cut.wav");
         ASSERT_TRUE(content);
