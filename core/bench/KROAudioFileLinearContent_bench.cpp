@@ -154,22 +154,6 @@ const fs::path& sourceFile(const SampleFormat& format) {
     return path;
 }
 
-std::uint64_t readWithLibsndfile(const fs::path& path) {
-    SF_INFO info{};
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    if (!file) {
-        return 0;
-    }
-    std::vector<float> block(blockFrames * channels);
-    std::uint64_t frames = 0;
-    for (sf_count_t count; (count = sf_readf_float(file, block.data(), blockFrames)) > 0;) {
-        frames += static_cast<std::uint64_t>(count);
-        benchmark::DoNotOptimize(block.data());
-    }
-    sf_close(file);
-    return frames;
-}
-
 // Each frame's samples to their channels, frame by frame: the faster of the
 // two loop orders a host might write, on this kind of machine.
 void splitIntoChannels(const std::vector<float>& interleaved, std::uint64_t frames,
@@ -185,22 +169,34 @@ void splitIntoChannels(const std::vector<float>& interleaved, std::uint64_t fram
     }
 }
 
-std::uint64_t readWithLibsndfileIntoChannels(const fs::path& path) {
+// Interleaved blocks, split into channels when the list is given.
+std::uint64_t readThroughLibsndfile(const fs::path& path, KROAudioBufferList* split) {
     SF_INFO info{};
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
     if (!file) {
         return 0;
     }
     std::vector<float> interleaved(blockFrames * channels);
-    const auto block = KROAudioBufferList::bufferListWithChannels(channels, blockFrames);
     std::uint64_t frames = 0;
     for (sf_count_t count; (count = sf_readf_float(file, interleaved.data(), blockFrames)) > 0;) {
-        splitIntoChannels(interleaved, static_cast<std::uint64_t>(count), *block);
+        if (split) {
+            splitIntoChannels(interleaved, static_cast<std::uint64_t>(count), *split);
+            benchmark::DoNotOptimize(split->channel(0));
+        }
         frames += static_cast<std::uint64_t>(count);
-        benchmark::DoNotOptimize(block->channel(0));
+        benchmark::DoNotOptimize(interleaved.data());
     }
     sf_close(file);
     return frames;
+}
+
+std::uint64_t readWithLibsndfile(const fs::path& path) {
+    return readThroughLibsndfile(path, nullptr);
+}
+
+std::uint64_t readWithLibsndfileIntoChannels(const fs::path& path) {
+    const auto block = KROAudioBufferList::bufferListWithChannels(channels, blockFrames);
+    return readThroughLibsndfile(path, block.get());
 }
 
 template <typename Content> std::uint64_t readWithKROCore(const fs::path& path) {
@@ -229,6 +225,18 @@ void finish(benchmark::State& state, bool succeeded) {
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * totalFrames()));
 }
 
+void registerRead(const SampleFormat& format, const char* reader, Reader read) {
+    benchmark::RegisterBenchmark(("read/" + std::string(format.name) + "/" + reader).c_str(),
+                                 [&format, read](benchmark::State& state) {
+                                     bool ok = true;
+                                     for (auto _ : state) {
+                                         ok = read(sourceFile(format)) == totalFrames() && ok;
+                                     }
+                                     finish(state, ok);
+                                 })
+        ->Unit(benchmark::kMillisecond);
+}
+
 void registerBenchmarks() {
     for (const SampleFormat& format : formats) {
         const std::string name = format.name;
@@ -252,36 +260,9 @@ void registerBenchmarks() {
                                          finish(state, ok);
                                      })
             ->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark(
-            ("read/" + name + "/KROCore").c_str(),
-            [&format](benchmark::State& state) {
-                bool ok = true;
-                for (auto _ : state) {
-                    ok = format.read(sourceFile(format)) == totalFrames() && ok;
-                }
-                finish(state, ok);
-            })
-            ->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark(
-            ("read/" + name + "/libsndfile").c_str(),
-            [&format](benchmark::State& state) {
-                bool ok = true;
-                for (auto _ : state) {
-                    ok = readWithLibsndfile(sourceFile(format)) == totalFrames() && ok;
-                }
-                finish(state, ok);
-            })
-            ->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark(
-            ("read/" + name + "/libsndfile-channels").c_str(),
-            [&format](benchmark::State& state) {
-                bool ok = true;
-                for (auto _ : state) {
-                    ok = readWithLibsndfileIntoChannels(sourceFile(format)) == totalFrames() && ok;
-                }
-                finish(state, ok);
-            })
-            ->Unit(benchmark::kMillisecond);
+        registerRead(format, "KROCore", format.read);
+        registerRead(format, "libsndfile", readWithLibsndfile);
+        registerRead(format, "libsndfile-channels", readWithLibsndfileIntoChannels);
     }
 }
 

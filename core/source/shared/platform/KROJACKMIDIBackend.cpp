@@ -213,72 +213,57 @@ KROMIDIBackend::Status KROJACKMIDIBackend::destinations(std::vector<EndpointID>&
 }
 
 KROMIDIBackend::Status KROJACKMIDIBackend::name(EndpointID id, std::string& name) {
-    const std::lock_guard guard(lock_);
-    std::string full;
-    const Status status = endpointPortName(id, full);
-    if (status == noError) {
+    return withEndpoint(id, [&](const std::string& full) {
         name = full.substr(full.find(':') + 1);
-    }
-    return status;
+        return noError;
+    });
 }
 
 KROMIDIBackend::Status KROJACKMIDIBackend::deviceName(EndpointID id, std::string& name) {
-    const std::lock_guard guard(lock_);
-    std::string full;
-    if (const Status status = endpointPortName(id, full); status != noError) {
-        return status;
-    }
-    if (slotForEndpoint(id)) {
-        return unknownProperty;
-    }
-    name = full.substr(0, full.find(':'));
-    return noError;
+    return withEndpoint(id, [&](const std::string& full) {
+        if (slotForEndpoint(id)) {
+            return unknownProperty;
+        }
+        name = full.substr(0, full.find(':'));
+        return noError;
+    });
 }
 
 KROMIDIBackend::Status KROJACKMIDIBackend::uniqueID(EndpointID id, std::int32_t& uniqueID) {
-    const std::lock_guard guard(lock_);
-    std::string full;
-    if (const Status status = endpointPortName(id, full); status != noError) {
-        return status;
-    }
-    const Slot* own = slotForEndpoint(id);
-    uniqueID = own && own->uniqueID ? *own->uniqueID : uniqueIDForName(full);
-    return noError;
+    return withEndpoint(id, [&](const std::string& full) {
+        const Slot* own = slotForEndpoint(id);
+        uniqueID = own && own->uniqueID ? *own->uniqueID : uniqueIDForName(full);
+        return noError;
+    });
 }
 
 KROMIDIBackend::Status KROJACKMIDIBackend::setName(EndpointID id, const std::string& name) {
-    const std::lock_guard guard(lock_);
-    std::string full;
-    if (const Status status = endpointPortName(id, full); status != noError) {
-        return status;
-    }
-    Slot* own = slotForEndpoint(id);
-    if (!own) {
-        return notPermitted;
-    }
-    if (jack_port_rename(asClient(client_), own->port.load(), name.c_str()) != 0) {
-        return badEndpoint;
-    }
-    // The endpoint keeps its ID under the new name.
-    ids_.erase(full);
-    own->fullName = jack_port_name(own->port.load());
-    ids_[own->fullName] = id;
-    portNames_[id] = own->fullName;
-    return noError;
+    return withEndpoint(id, [&](const std::string& full) {
+        Slot* own = slotForEndpoint(id);
+        if (!own) {
+            return notPermitted;
+        }
+        if (jack_port_rename(asClient(client_), own->port.load(), name.c_str()) != 0) {
+            return badEndpoint;
+        }
+        // The endpoint keeps its ID under the new name.
+        ids_.erase(full);
+        own->fullName = jack_port_name(own->port.load());
+        ids_[own->fullName] = id;
+        portNames_[id] = own->fullName;
+        return noError;
+    });
 }
 
 KROMIDIBackend::Status KROJACKMIDIBackend::setUniqueID(EndpointID id, std::int32_t uniqueID) {
-    const std::lock_guard guard(lock_);
-    std::string full;
-    if (const Status status = endpointPortName(id, full); status != noError) {
-        return status;
-    }
-    Slot* own = slotForEndpoint(id);
-    if (!own) {
-        return notPermitted;
-    }
-    own->uniqueID = uniqueID;
-    return noError;
+    return withEndpoint(id, [&](const std::string&) {
+        Slot* own = slotForEndpoint(id);
+        if (!own) {
+            return notPermitted;
+        }
+        own->uniqueID = uniqueID;
+        return noError;
+    });
 }
 
 KROMIDIBackend::Status KROJACKMIDIBackend::findByUniqueID(std::int32_t wanted, EndpointID& id) {

@@ -92,6 +92,16 @@ private:
 
     Status connect();
     Status endpointPortName(EndpointID id, std::string& name);
+    // Under the lock: body(full port name) for a known endpoint, else the
+    // status that says why not.
+    template <typename Body> Status withEndpoint(EndpointID id, Body body) {
+        const std::lock_guard guard(lock_);
+        std::string full;
+        if (const Status status = endpointPortName(id, full); status != noError) {
+            return status;
+        }
+        return body(full);
+    }
     EndpointID idForPortName(const std::string& name);
     Status listEndpoints(unsigned long direction, std::vector<EndpointID>& ids);
     Status registerPort(const std::string& name, bool isInput, std::size_t& slotIndex);
