@@ -466,3 +466,35 @@ TEST_F(KROMIDIEndpointJACK, ASampleDumpArrivesBitExactWithItsHandshakes) {
     receiverIn->removeReceiver(&receiver);
     senderIn->removeReceiver(&handshakes);
 }
+
+// A virtual input let go while its receiver is busy with one of two notes
+// that came in one event waits for that receiver, and the rest of the event
+// still comes out whole: what reassembles it goes only after delivery has
+// stopped.
+TEST_F(KROMIDIEndpointJACK, AVirtualInputLetGoMidEventFinishesTheEventFirst) {
+    KROMIDITestDevice device({{0, 0, {0x90, 0x3C, 0x64, 0x90, 0x3E, 0x64}}});
+    ASSERT_TRUE(device.isOpen());
+    auto input = KROMIDIVirtualEndpoint::endpointWithName<KROMIDIVirtualInput>("kro busy in");
+    ASSERT_TRUE(input);
+    connect("kro-test-midi:out", portNameOf(*input));
+
+    class SlowReceiver : public Collector {
+    public:
+        std::atomic<bool> inside{false};
+        void midiInput(KROMIDIEndpoint& endpoint,
+                       const std::shared_ptr<KROMIDIMessage>& message) override {
+            inside.store(true);
+            std::this_thread::sleep_for(100ms);
+            Collector::midiInput(endpoint, message);
+        }
+    } receiver;
+    ASSERT_TRUE(input->addReceiver(&receiver));
+    device.startSending();
+    ASSERT_TRUE(eventually([&] { return receiver.inside.load(); }));
+    input.reset();
+
+    const auto messages = receiver.messages();
+    ASSERT_EQ(messages.size(), 2u);
+    EXPECT_EQ(bytesOf(*messages[0]), (Bytes{0x90, 0x3C, 0x64}));
+    EXPECT_EQ(bytesOf(*messages[1]), (Bytes{0x90, 0x3E, 0x64}));
+}

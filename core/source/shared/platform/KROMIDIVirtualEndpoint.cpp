@@ -3,8 +3,13 @@
 #include "KROMIDIController.h"
 
 KROMIDIVirtualEndpoint::~KROMIDIVirtualEndpoint() {
+    disposeEndpoint();
+}
+
+void KROMIDIVirtualEndpoint::disposeEndpoint() {
     if (endpointID() != 0) {
         backend()->disposeEndpoint(endpointID());
+        setEndpointID(0);
     }
 }
 

@@ -33,6 +33,10 @@ protected:
     // and resumeUpdates, then reads it as any endpoint.
     using Create = std::function<KROMIDIBackend::Status(KROMIDIBackend&, EndpointID&)>;
     bool initCreating(const Create& create, std::string_view action, KROErrorPtr* error);
+    // Takes the endpoint off the service; after it, nothing more arrives.
+    // An input calls it in its own destructor, while what delivery uses
+    // still exists; a second call does nothing.
+    void disposeEndpoint();
 
 private:
     bool isRunning_ = false;

@@ -1,5 +1,12 @@
 #include "KROMIDIVirtualInput.h"
 
+// The backend's thread may be delivering to this input right now: the
+// endpoint goes first, which waits for that delivery, and the reassembler
+// after it.
+KROMIDIVirtualInput::~KROMIDIVirtualInput() {
+    disposeEndpoint();
+}
+
 bool KROMIDIVirtualInput::initWithName(const std::string& name, KROErrorPtr* error) {
     return initCreating(
         [&](KROMIDIBackend& layer, EndpointID& id) {
