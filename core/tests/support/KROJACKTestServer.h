@@ -61,11 +61,18 @@ public:
         return false;
     }
 
-    // SIGTERM, so that it clears its shared memory; a hang meets the alarm.
+    // The device layer goes first, so that its clients close cleanly.
     void stop() {
         KROAudioDeviceBackend::setSharedBackend(nullptr);
+        kill();
+    }
+
+    // The server alone goes, as when it dies under a running host: the
+    // device layer stays and must notice. SIGTERM, so that the server clears
+    // its shared memory; a hang meets the alarm.
+    void kill() {
         if (pid_ > 0) {
-            kill(pid_, SIGTERM);
+            ::kill(pid_, SIGTERM);
             waitpid(pid_, nullptr, 0);
         }
         pid_ = 0;
