@@ -61,9 +61,10 @@ void ours(benchmark::State& state) {
     const float* samples = sawtooth().data();
     for (auto _ : state) {
         for (std::size_t done = 0; done < kFrames; done += kBlock) {
-            buffer->setFrames(kBlock);
-            std::copy_n(samples + done, kBlock, buffer->channel(0));
-            std::copy_n(samples + done, kBlock, buffer->channel(1));
+            const std::size_t count = std::min(kBlock, kFrames - done);
+            buffer->setFrames(std::uint32_t(count));
+            std::copy_n(samples + done, count, buffer->channel(0));
+            std::copy_n(samples + done, count, buffer->channel(1));
             detector->render(*buffer, *detector->outputBus(), info);
         }
         benchmark::DoNotOptimize(detector->semitone());

@@ -80,9 +80,10 @@ void ours(benchmark::State& state, float quality) {
     const float* samples = noise().data();
     for (auto _ : state) {
         for (std::size_t done = 0; done < kFrames; done += kBlock) {
-            eq.buffer->setFrames(kBlock);
+            const std::size_t count = std::min(kBlock, kFrames - done);
+            eq.buffer->setFrames(std::uint32_t(count));
             for (std::uint32_t channel = 0; channel < 2; ++channel) {
-                std::copy_n(samples + done, kBlock, eq.buffer->channel(channel));
+                std::copy_n(samples + done, count, eq.buffer->channel(channel));
             }
             eq.eq->render(*eq.buffer, *eq.eq->outputBus(), eq.info);
         }
