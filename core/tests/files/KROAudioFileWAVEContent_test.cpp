@@ -267,17 +267,17 @@ TEST(KROAudioFileWAVEContent, AFileCutShortWhileOpenReadsSilencePastItsEnd) {
         bool isFloat;
     } formats[] = {{16, false}, {32, false}, {32, true}};
     for (const auto& format : formats) {
-        const std::uint64_t bitDepth = format.bitDepth;
-        SCOPED_TRACE(testing::Message() << bitDepth << (format.isFloat ? "-bit float" : "-bit"));
+        SCOPED_TRACE(testing::Message()
+                     << format.bitDepth << (format.isFloat ? "-bit float" : "-bit"));
         writeWAVE(directory / "cut.wav", *written, [&](KROAudioFileWAVEContent& content) {
-            content.setBitDepth(bitDepth);
+            content.setBitDepth(format.bitDepth);
             content.setIsFloatingPoint(format.isFloat);
         });
         const auto content = parsedWAVE(directory / "cut.wav");
         ASSERT_TRUE(content);
         EXPECT_EQ(allAudio(*content)->channel(0)[999], 0.5f);
         fs::resize_file(directory / "cut.wav",
-                        fs::file_size(directory / "cut.wav") - bitDepth / 8 * 400);
+                        fs::file_size(directory / "cut.wav") - format.bitDepth / 8 * 400);
         const auto samples = allAudio(*content);
         EXPECT_EQ(std::count(samples->channel(0), samples->channel(0) + 600, 0.5f), 600);
         EXPECT_EQ(std::count(samples->channel(0) + 600, samples->channel(0) + 1000, 0.0f), 400);
