@@ -4,9 +4,11 @@
 // stream finds, up to the first length past the limit, where it hangs up,
 // and it reports the end of the connection once.
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -65,6 +67,43 @@ struct Listener {
     }
 };
 
+// libFuzzer's timeout alarm is installed without SA_RESTART, so any blocking
+// call of the harness may come back early with EINTR; a loaded machine makes
+// that likely enough to matter. An interrupted connect goes on in the kernel:
+// its outcome is the socket's pending error once it turns writable.
+bool connectThroughInterrupts(int peer, const sockaddr_in& address) {
+    if (::connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        return true;
+    }
+    if (errno != EINTR) {
+        return false;
+    }
+    pollfd writable{peer, POLLOUT, 0};
+    while (::poll(&writable, 1, -1) < 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    int failure = 0;
+    socklen_t length = sizeof failure;
+    return ::getsockopt(peer, SOL_SOCKET, SO_ERROR, &failure, &length) == 0 && failure == 0;
+}
+
+// Whether all of the piece went out; false once the pipe has hung up.
+bool sendThroughInterrupts(int peer, const std::uint8_t* bytes, std::size_t count) {
+    while (count > 0) {
+        const ssize_t sent = ::send(peer, bytes, count, MSG_NOSIGNAL);
+        if (sent < 0 && errno != EINTR) {
+            return false;
+        }
+        if (sent > 0) {
+            bytes += sent;
+            count -= std::size_t(sent);
+        }
+    }
+    return true;
+}
+
 void runUntilIdle() {
     while (KROEventLoop::current()->runOnce(0) > 0) {
     }
@@ -86,7 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     address.sin_family = AF_INET;
     address.sin_port = htons(listener.acceptor->port());
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(peer, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    if (!connectThroughInterrupts(peer, address)) {
         std::abort();
     }
     listener.latest.reset();
@@ -104,7 +143,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::size_t piece = (pieces & 0x10) ? size - at : (pieces & 0xF) + 1;
         pieces = pieces * 1103515245u + 12345u;
         piece = std::min(piece, size - at);
-        if (::send(peer, data + at, piece, MSG_NOSIGNAL) != ssize_t(piece)) {
+        if (!sendThroughInterrupts(peer, data + at, piece)) {
             break;
         }
         at += piece;
