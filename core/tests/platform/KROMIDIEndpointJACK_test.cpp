@@ -44,14 +44,24 @@ bool eventually(const std::function<bool()>& condition) {
     return KROEventually(condition, 5s);
 }
 
-// Counts the allocations of every cycle of the layer on JACK's thread.
+// Counts the allocations of every cycle of the layer on JACK's thread, and
+// can hold a cycle back, as a loaded machine does, until told to go on.
 class WatchedMIDIBackend : public KROJACKMIDIBackend {
 public:
     std::atomic<std::uint64_t> cycles{0};
     std::atomic<std::uint64_t> allocations{0};
+    std::atomic<bool> hold{false};
+    std::atomic<bool> holding{false};
 
 protected:
     void processCycle(std::uint32_t frames) override {
+        if (hold.load()) {
+            holding.store(true);
+            while (hold.load()) {
+                std::this_thread::yield();
+            }
+            holding.store(false);
+        }
         thread_local std::optional<KROAllocationGuard> guard;
         if (!guard) {
             guard.emplace();
@@ -323,6 +333,28 @@ TEST_F(KROMIDIEndpointJACK, OutputsDeliverAtTheFrameTheirTimestampNames) {
         }
     }
     EXPECT_EQ(backend_->allocations.load(), 0u);
+}
+
+// A cycle under way when a send makes a new connection runs on JACK's old
+// graph: had it written the event out, nobody would have received it.
+TEST_F(KROMIDIEndpointJACK, TheFirstEventToANewDestinationWaitsForTheConnection) {
+    KROMIDITestDevice device;
+    ASSERT_TRUE(device.isOpen());
+    const auto output = KROMIDIEndpoint::endpointWithEndpointID<KROMIDIPhysicalOutput>(
+        idNamed("kro-test-midi in", false));
+    ASSERT_TRUE(output && output->addSender(this));
+    backend_->hold.store(true);
+    ASSERT_TRUE(eventually([&] { return backend_->holding.load(); }));
+    std::thread release([&] {
+        std::this_thread::sleep_for(50ms);
+        backend_->hold.store(false);
+    });
+    const Bytes note{0x90, 0x3C, 0x64};
+    KROErrorPtr error;
+    EXPECT_TRUE(output->sendMessage(KROMIDIMessage::messageWithData(note, 0.0).get(), &error));
+    release.join();
+    ASSERT_TRUE(eventually([&] { return device.arrivalCount() >= 1; }));
+    EXPECT_EQ(device.arrivals()[0].bytes, note);
 }
 
 // Sending where it cannot go reports the code and action hosts look for.

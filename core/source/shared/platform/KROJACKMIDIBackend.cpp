@@ -356,6 +356,19 @@ void KROJACKMIDIBackend::waitForCycleEnd() {
     }
 }
 
+// JACK takes a new connection into the graph at the start of a later cycle.
+// Events written out before then reach nobody, and a command that sends once
+// and quits would lose them all, so the first events to a destination wait.
+void KROJACKMIDIBackend::waitUntilConnectionIsLive(const Slot& slot,
+                                                   const std::string& destination) {
+    const jack_port_t* port = slot.port.load(std::memory_order_acquire);
+    for (int attempt = 0; attempt < 1000 && port && !serverGone_.load() &&
+                          !jack_port_connected_to(port, destination.c_str());
+         ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
 void KROJACKMIDIBackend::unregisterPort(std::size_t slotIndex) {
     Slot& slot = slots_[slotIndex];
     {
@@ -481,6 +494,7 @@ KROMIDIBackend::Status KROJACKMIDIBackend::send(PortID port, EndpointID destinat
             return badEndpoint;
         }
         slot->connected.insert(destination);
+        waitUntilConnectionIsLive(*slot, destinationName);
     }
     return enqueue(*slot, bytes, count, hostTime);
 }

@@ -105,6 +105,7 @@ private:
     EndpointID idForPortName(const std::string& name);
     Status listEndpoints(unsigned long direction, std::vector<EndpointID>& ids);
     Status registerPort(const std::string& name, bool isInput, std::size_t& slotIndex);
+    void waitUntilConnectionIsLive(const Slot& slot, const std::string& destination);
     // Takes lock_ and inputLock_ in turn, never one inside the other.
     void unregisterPort(std::size_t slotIndex);
     Slot* slotForPort(PortID port);
