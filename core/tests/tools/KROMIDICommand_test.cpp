@@ -9,6 +9,7 @@
 #include "KROJACKServerTest.h"
 #include "KROMIDITestDevice.h"
 #include "KROTestCommand.h"
+#include "KROTestWaiting.h"
 
 namespace {
 
@@ -46,6 +47,8 @@ TEST_F(KROMIDICommand, ListsAndSendsAndRefusesWhatItCannot) {
     const KROCommandResult sent = kro("send 'kro-test-midi in' 90 3C 64 0xF0 7D 01 F7 41");
     EXPECT_EQ(sent.status, 0) << sent.output;
     EXPECT_EQ(sent.output, "Sent 2 messages to kro-test-midi in.\n");
+    // The command returns once its cycle is over; the device takes its own turn.
+    KROEventually([&] { return device.arrivalCount() >= 2; }, 5s);
     const auto arrivals = device.arrivals();
     ASSERT_EQ(arrivals.size(), 2u);
     EXPECT_EQ(arrivals[0].bytes, (std::vector<std::uint8_t>{0x90, 0x3C, 0x64}));
