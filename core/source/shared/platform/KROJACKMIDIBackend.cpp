@@ -361,10 +361,12 @@ void KROJACKMIDIBackend::waitForCycleEnd() {
 // and quits would lose them all, so the first events to a destination wait.
 void KROJACKMIDIBackend::waitUntilConnectionIsLive(const Slot& slot,
                                                    const std::string& destination) {
+    // A deadline, not a count of tries: the query itself may sleep a period
+    // while JACK has a graph change pending.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     const jack_port_t* port = slot.port.load(std::memory_order_acquire);
-    for (int attempt = 0; attempt < 1000 && port && !serverGone_.load() &&
-                          !jack_port_connected_to(port, destination.c_str());
-         ++attempt) {
+    while (port && !serverGone_.load() && std::chrono::steady_clock::now() < deadline &&
+           !jack_port_connected_to(port, destination.c_str())) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
